@@ -1,0 +1,178 @@
+#include "common/Db.h"
+
+#include <QAbstractEventDispatcher>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QSqlDriver>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTimeZone>
+
+#include <dlfcn.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::db {
+
+namespace {
+
+/// CONNECTION_OK of the client library's ConnStatusType (libpq-fe.h).
+constexpr int kConnectionOk = 0;
+
+/// Seconds that the client library waits for a server that takes the connection and says nothing; without a
+/// limit of its own it waits for minutes, and the event loop with it.
+constexpr auto kConnectTimeout = "10";
+
+/// SQLSTATE of a statement that does not parse.
+constexpr auto kSyntaxError = "42601"_L1;
+
+QString g_timeZone;
+
+/// The notification channels to subscribe again. The driver forgets them when the connection is closed, so
+/// that from the first sign of a loss until they are all back they are remembered here.
+QStringList g_lostChannels;
+
+QSqlDatabase session()
+{
+    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
+}
+
+void setTimeZone()
+{
+    QSqlQuery query;
+    query.prepare(u"SELECT set_config('TimeZone', ?, false)"_s);
+    query.addBindValue(g_timeZone);
+    exec(query);
+}
+
+/// The client library's own view of the session, kConnectionOk when it cannot be asked.
+int connectionStatus(const QSqlDatabase& database)
+{
+    using StatusFunction = int (*)(const void*);
+    // Only the library that the driver has loaded already: a second copy would know nothing of our
+    // connection.
+    static const auto status = []() -> StatusFunction {
+        void* library = dlopen("libpq.so.5", RTLD_NOW | RTLD_NOLOAD);
+        return library ? reinterpret_cast<StatusFunction>(dlsym(library, "PQstatus")) : nullptr;
+    }();
+
+    const QVariant handle = database.driver()->handle();
+    // PGconn is a typedef of struct pg_conn; which of the two names is reported depends on how Qt was built.
+    const QByteArrayView type(handle.typeName());
+    if (!status || (type != "PGconn*" && type != "pg_conn*"))
+        return kConnectionOk;
+    return status(*static_cast<void* const*>(handle.constData()));
+}
+
+void rememberChannels(const QSqlDatabase& database)
+{
+    const QStringList channels = database.driver()->subscribedToNotifications();
+    for (const QString& channel : channels) {
+        if (!g_lostChannels.contains(channel))
+            g_lostChannels.append(channel);
+    }
+}
+
+/// Closes a session that is found dead before the event loop waits again. The client library has closed the
+/// socket by then, and the driver's notifier would go on watching its number: a warning at best, and a loop
+/// at full speed once another file has taken that number.
+void closeIfLost()
+{
+    QSqlDatabase database = session();
+    if (database.driver()->subscribedToNotifications().isEmpty() || database.isOpen())
+        return;
+    rememberChannels(database);
+    database.close();
+}
+
+bool reconnect(QSqlDatabase& database)
+{
+    rememberChannels(database);
+    database.close();
+    if (!database.open()) {
+        qWarning("database: reconnect failed: %s", qPrintable(database.lastError().text()));
+        return false;
+    }
+    setTimeZone();
+    const QStringList channels = g_lostChannels;
+    for (const QString& channel : channels) {
+        // One that cannot be had now (the server is gone again) stays on the list for the next attempt.
+        if (database.driver()->subscribeToNotification(channel))
+            g_lostChannels.removeOne(channel);
+    }
+    qInfo("database: reconnected");
+    return true;
+}
+
+} // namespace
+
+bool open(const QSettings& settings, const QString& applicationName)
+{
+    if (!qEnvironmentVariableIsSet("PGCONNECT_TIMEOUT"))
+        qputenv("PGCONNECT_TIMEOUT", kConnectTimeout);
+
+    QSqlDatabase database = QSqlDatabase::addDatabase(u"QPSQL"_s);
+    database.setHostName(settings.value(u"database/host"_s, u"/var/run/postgresql"_s).toString());
+    database.setPort(settings.value(u"database/port"_s, 5432).toInt());
+    database.setDatabaseName(settings.value(u"database/name"_s, u"tarnhold"_s).toString());
+    database.setUserName(settings.value(u"database/user"_s).toString());
+    database.setPassword(settings.value(u"database/password"_s).toString());
+    database.setConnectOptions(u"application_name="_s + applicationName
+                               + u";options='-c client_min_messages=warning'"_s);
+    if (!database.open()) {
+        qCritical("database: %s", qPrintable(database.lastError().text()));
+        return false;
+    }
+    if (const QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance()) {
+        QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, database.driver(), closeIfLost);
+        QObject::connect(dispatcher, &QAbstractEventDispatcher::awake, database.driver(), closeIfLost);
+    }
+    const QString systemZone = QString::fromLatin1(QTimeZone::systemTimeZoneId());
+    g_timeZone = settings.value(u"database/timezone"_s, systemZone).toString();
+    setTimeZone();
+    return true;
+}
+
+bool ensure(bool force)
+{
+    QSqlDatabase database = session();
+    if (!force && database.isOpen() && connectionStatus(database) == kConnectionOk)
+        return true;
+    return reconnect(database);
+}
+
+bool exec(QSqlQuery& query)
+{
+    const QSqlError earlier = query.lastError();
+    if (query.exec())
+        return true;
+    QString reason = query.lastError().text();
+    // A statement that could not be prepared is run without its name all the same; why is told by prepare()
+    // only.
+    if (query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid())
+        reason = earlier.text();
+    qWarning("sql: %s", qPrintable(reason));
+    return false;
+}
+
+int schemaVersion()
+{
+    QSqlQuery query;
+    if (!query.exec(u"SELECT to_regclass('tarn.schema_migrations') IS NOT NULL"_s) || !query.next()
+        || !query.value(0).toBool()) {
+        return 0;
+    }
+    if (!query.exec(u"SELECT coalesce(max(version), 0) FROM tarn.schema_migrations"_s) || !query.next())
+        return 0;
+    return query.value(0).toInt();
+}
+
+QString ident(const QString& name)
+{
+    QString quoted = name;
+    quoted.remove(QChar::Null);
+    quoted.replace(u'"', u"\"\""_s);
+    return u'"' + quoted + u'"';
+}
+
+} // namespace tarn::db

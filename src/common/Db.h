@@ -1,0 +1,32 @@
+// The one PostgreSQL session of the process: the default connection of Qt's SQL module.
+// Opened once by main, looked after by ensure(); everybody else makes QSqlQuery objects on it.
+// Main thread only.
+#pragma once
+
+#include <QString>
+
+class QSettings;
+class QSqlQuery;
+
+namespace tarn::db {
+
+/// Creates and opens the session from the `database/...` settings and sets its time zone.
+/// @p applicationName is what the server shows as application_name. False when it could not be opened
+/// (logged).
+bool open(const QSettings& settings, const QString& applicationName);
+
+/// Makes sure that the session is usable, reconnecting if it is lost, or in any case when @p force is true.
+/// A reconnected session has the time zone and the notification channels of the lost one again, however many
+/// attempts it took. One attempt a call; false when it failed (logged).
+bool ensure(bool force);
+
+/// Runs a prepared query. A failure is logged as "sql: ..." and gives false.
+bool exec(QSqlQuery& query);
+
+/// The highest migration the suite's admin tool has recorded; 0 when there is none, or no such table.
+int schemaVersion();
+
+/// @p name quoted as a PostgreSQL identifier; NUL characters, which no identifier can hold, are removed.
+QString ident(const QString& name);
+
+} // namespace tarn::db

@@ -1,0 +1,299 @@
+#include "common/Db.h"
+#include "support/PostgresServer.h"
+
+#include <QRegularExpression>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSqlDatabase>
+#include <QSqlDriver>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimeZone>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace tarn;
+
+class tst_Db : public QObject
+{
+    Q_OBJECT
+
+private:
+    static QSqlDatabase session()
+    {
+        return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
+    }
+
+    static QString scalar(const QString& statement) { return test::value(session(), statement); }
+
+    /// Opens the product's session on a database with the schema, with these settings on top.
+    bool openSession(const QMap<QString, QVariant>& more = {}, const QString& database = {})
+    {
+        QSettings settings(m_folder.filePath(u"settings-%1.ini"_s.arg(++m_files)), QSettings::IniFormat);
+        settings.setValue(u"database/host"_s, m_server.socketFolder());
+        settings.setValue(u"database/name"_s, database.isEmpty() ? m_server.createDatabase() : database);
+        settings.setValue(u"database/user"_s, u"postgres"_s);
+        for (auto it = more.cbegin(); it != more.cend(); ++it)
+            settings.setValue(it.key(), it.value());
+        return db::open(settings, u"tarn-collect"_s);
+    }
+
+    /// A session of somebody else on the same database, to look on and to send notifications.
+    QSqlDatabase other() { return m_server.connect(session().databaseName(), u"other"_s); }
+
+    QString backendId() { return scalar(u"SELECT pg_backend_pid()"_s); }
+
+    void killBackend() { test::run(other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backendId())); }
+
+    QStringList heardAfter(const QStringList& sent)
+    {
+        QSignalSpy spy(session().driver(), &QSqlDriver::notification);
+        for (const QString& channel : sent)
+            test::run(other(), u"SELECT pg_notify('%1', '')"_s.arg(channel));
+        const auto arrived = [&] { return spy.size() >= sent.size(); };
+        [[maybe_unused]] const bool all = QTest::qWaitFor(arrived, 5000);
+        QStringList heard;
+        for (const QList<QVariant>& arguments : spy)
+            heard.append(arguments.at(0).toString());
+        return heard;
+    }
+
+    test::PostgresServer m_server;
+    QTemporaryDir m_folder;
+    int m_files = 0;
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_server.start()); }
+
+    void init() { QTest::failOnWarning(QRegularExpression(u".?"_s)); }
+
+    void cleanup()
+    {
+        session().close();
+        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
+        QSqlDatabase::removeDatabase(u"other"_s);
+        qputenv("TZ", "UTC");
+    }
+
+    void openShowsItsNameToTheServer()
+    {
+        QVERIFY(openSession());
+        QCOMPARE(scalar(u"SELECT application_name FROM pg_stat_activity WHERE pid = pg_backend_pid()"_s),
+                 u"tarn-collect"_s);
+        QCOMPARE(scalar(u"SHOW client_min_messages"_s), u"warning"_s);
+        QCOMPARE(session().connectOptions(),
+                 u"application_name=tarn-collect;options='-c client_min_messages=warning'"_s);
+    }
+
+    void openFailureIsCritical()
+    {
+        QTest::ignoreMessage(
+            QtCriticalMsg,
+            QRegularExpression(u"^database: .*database \"no_such_database\" does not exist"_s));
+        QVERIFY(!openSession({}, u"no_such_database"_s));
+    }
+
+    void defaultsOfAnEmptySettingsFile()
+    {
+        const QSettings empty(m_folder.filePath(u"empty.ini"_s), QSettings::IniFormat);
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^database: "_s));
+        QVERIFY(!db::open(empty, u"tarn-collect"_s));
+        QCOMPARE(session().hostName(), u"/var/run/postgresql"_s);
+        QCOMPARE(session().port(), 5432);
+        QCOMPARE(session().databaseName(), u"tarnhold"_s);
+        QVERIFY(session().userName().isEmpty());
+        QVERIFY(session().password().isEmpty());
+    }
+
+    void timeZoneOfTheSettings()
+    {
+        QVERIFY(openSession({
+            {u"database/timezone"_s, u"America/New_York"_s}
+        }));
+        QCOMPARE(scalar(u"SHOW TimeZone"_s), u"America/New_York"_s);
+    }
+
+    void timeZoneOfTheHostByDefault_data()
+    {
+        QTest::addColumn<QByteArray>("zone");
+        QTest::newRow("utc") << QByteArray("UTC");
+        QTest::newRow("half-hour") << QByteArray("Asia/Kolkata");
+    }
+    void timeZoneOfTheHostByDefault()
+    {
+        QFETCH(const QByteArray, zone);
+        qputenv("TZ", zone);
+        QVERIFY(openSession());
+        QCOMPARE(scalar(u"SHOW TimeZone"_s).toLatin1(), QTimeZone::systemTimeZoneId());
+        QCOMPARE(scalar(u"SHOW TimeZone"_s).toLatin1(), zone);
+    }
+
+    void unknownTimeZoneIsOnlyLogged()
+    {
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*Middle-Earth"_s));
+        QVERIFY(openSession({
+            {u"database/timezone"_s, u"Middle-Earth"_s}
+        }));
+        QCOMPARE(scalar(u"SELECT 1"_s), u"1"_s);
+    }
+
+    void zoneOutlivesATransaction()
+    {
+        QVERIFY(openSession({
+            {u"database/timezone"_s, u"Asia/Tokyo"_s}
+        }));
+        QVERIFY(session().transaction());
+        QVERIFY(session().rollback());
+        QCOMPARE(scalar(u"SHOW TimeZone"_s), u"Asia/Tokyo"_s);
+    }
+
+    void ensureLeavesAHealthySessionAlone()
+    {
+        QVERIFY(openSession());
+        const QString before = backendId();
+        QVERIFY(db::ensure(false));
+        QCOMPARE(backendId(), before);
+    }
+
+    void ensureByForceReconnects()
+    {
+        QVERIFY(openSession({
+            {u"database/timezone"_s, u"Asia/Tokyo"_s}
+        }));
+        QVERIFY(session().driver()->subscribeToNotification(u"first"_s));
+        QVERIFY(session().driver()->subscribeToNotification(u"second"_s));
+        const QString before = backendId();
+
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(true));
+        QVERIFY(backendId() != before);
+        QCOMPARE(scalar(u"SHOW TimeZone"_s), u"Asia/Tokyo"_s);
+        QCOMPARE(session().driver()->subscribedToNotifications(), QStringList({u"first"_s, u"second"_s}));
+        QCOMPARE(heardAfter({u"second"_s, u"first"_s}), QStringList({u"second"_s, u"first"_s}));
+    }
+
+    void lossSeenByAStatementIsRepairedByTheNextEnsure()
+    {
+        QVERIFY(openSession());
+        killBackend();
+        QSqlQuery query;
+        QVERIFY(!query.exec(u"SELECT 1"_s));
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(false));
+        QCOMPARE(scalar(u"SELECT 1"_s), u"1"_s);
+    }
+
+    void lossSeenByTheEventLoopIsRepairedByTheNextEnsure()
+    {
+        QVERIFY(openSession());
+        QVERIFY(session().driver()->subscribeToNotification(u"news"_s));
+        killBackend();
+        // No warning of an invalid socket may come while the loop runs on.
+        QTRY_VERIFY(!session().isOpen());
+        QTest::qWait(200);
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(false));
+        QCOMPARE(heardAfter({u"news"_s}), QStringList({u"news"_s}));
+    }
+
+    void channelsSurviveFailedReconnects()
+    {
+        QVERIFY(openSession());
+        QVERIFY(session().driver()->subscribeToNotification(u"first"_s));
+        QVERIFY(session().driver()->subscribeToNotification(u"second"_s));
+        m_server.stop();
+        QTRY_VERIFY(!session().isOpen());
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^database: reconnect failed: .+"_s));
+            QVERIFY(!db::ensure(false));
+            QVERIFY(!session().isOpen());
+        }
+        QVERIFY(m_server.restart());
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(false));
+        QCOMPARE(session().driver()->subscribedToNotifications(), QStringList({u"first"_s, u"second"_s}));
+        QCOMPARE(heardAfter({u"first"_s, u"second"_s}), QStringList({u"first"_s, u"second"_s}));
+    }
+
+    void execLogsTheServersReason()
+    {
+        QVERIFY(openSession());
+        QSqlQuery query;
+        query.prepare(u"SELECT CAST(? AS integer)"_s);
+        query.addBindValue(u"twelve"_s);
+        QTest::ignoreMessage(
+            QtWarningMsg, QRegularExpression(u"^sql: .*invalid input syntax for type integer: \"twelve\""_s));
+        QVERIFY(!db::exec(query));
+        query.addBindValue(u"12"_s);
+        QVERIFY(db::exec(query));
+    }
+
+    void execWithoutASessionSaysSo()
+    {
+        QVERIFY(openSession());
+        QSqlQuery before;
+        QVERIFY(before.prepare(u"SELECT 1"_s));
+        killBackend();
+        QSqlQuery first;
+        QVERIFY(!first.exec(u"SELECT 1"_s));
+
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: no connection to the server"_s));
+        QVERIFY(!db::exec(before));
+
+        QSqlQuery after;
+        QTest::ignoreMessage(QtWarningMsg, "QSqlQuery::prepare: database not open");
+        after.prepare(u"SELECT 1"_s);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: no connection to the server"_s));
+        QVERIFY(!db::exec(after));
+        // What the driver says when the first of the two goes out of scope.
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Unable to free statement: "_s));
+    }
+
+    void execOfWhatCannotBePreparedGivesTheReasonOfThat()
+    {
+        QVERIFY(openSession());
+        QSqlQuery query;
+        QVERIFY(!query.prepare(u"SELECT ? FROM no_such_table"_s));
+        query.addBindValue(1);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*no_such_table.*does not exist"_s));
+        QVERIFY(!db::exec(query));
+    }
+
+    void schemaVersionIsTheHighest()
+    {
+        QVERIFY(openSession());
+        QCOMPARE(db::schemaVersion(), 11);
+        test::run(session(), u"INSERT INTO tarn.schema_migrations (version) VALUES (12)"_s);
+        QCOMPARE(db::schemaVersion(), 12);
+        test::run(session(), u"DELETE FROM tarn.schema_migrations"_s);
+        QCOMPARE(db::schemaVersion(), 0);
+    }
+
+    void schemaVersionWithoutTheTable()
+    {
+        QVERIFY(openSession({}, m_server.createEmptyDatabase()));
+        QCOMPARE(db::schemaVersion(), 0);
+    }
+
+    void ident_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("quoted");
+        QTest::newRow("plain") << u"account"_s << u"\"account\""_s;
+        QTest::newRow("case-is-kept") << u"Account"_s << u"\"Account\""_s;
+        QTest::newRow("empty") << u""_s << u"\"\""_s;
+        QTest::newRow("one-quote") << u"\""_s << u"\"\"\"\""_s;
+        QTest::newRow("quote-inside") << u"a\"b"_s << u"\"a\"\"b\""_s;
+        QTest::newRow("nul-inside") << QString::fromLatin1("a\0b", 3) << u"\"ab\""_s;
+    }
+    void ident()
+    {
+        QFETCH(const QString, name);
+        QFETCH(const QString, quoted);
+        QCOMPARE(db::ident(name), quoted);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Db)
+#include "tst_Db.moc"

@@ -1,0 +1,112 @@
+#include "support/Collector.h"
+
+#include <QFile>
+#include <QTest>
+#include <QTextStream>
+
+#include <csignal>
+#include <sys/prctl.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::test {
+
+namespace {
+
+constexpr int kExitMs = 60'000;
+constexpr int kLogMs = 30'000;
+
+} // namespace
+
+Collector::Collector()
+{
+    m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
+}
+
+Collector::~Collector()
+{
+    kill();
+}
+
+QString Collector::settingsPath() const
+{
+    return m_folder.filePath(u"tarnhold.ini"_s);
+}
+
+void Collector::start()
+{
+    QFile file(settingsPath());
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write %s", qPrintable(settingsPath()));
+    QTextStream out(&file);
+    for (auto it = settings.cbegin(); it != settings.cend(); ++it) {
+        const QStringList parts = it.key().split(u'/');
+        out << '[' << parts.at(0) << "]\n" << parts.at(1) << '=' << it.value() << '\n';
+    }
+    out.flush();
+    file.close();
+    startWith({u"--config"_s, settingsPath()});
+}
+
+void Collector::startWith(const QStringList& arguments)
+{
+    m_errors.clear();
+    m_output.clear();
+    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    for (auto it = environment.cbegin(); it != environment.cend(); ++it)
+        variables.insert(it.key(), it.value());
+    m_process.setProcessEnvironment(variables);
+    m_process.start(QStringLiteral(TARN_COLLECT_BINARY), arguments);
+    if (!m_process.waitForStarted())
+        qFatal("cannot start %s", TARN_COLLECT_BINARY);
+}
+
+int Collector::waitForExit()
+{
+    if (m_process.state() != QProcess::NotRunning && !m_process.waitForFinished(kExitMs))
+        return -1;
+    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+void Collector::terminate()
+{
+    m_process.terminate();
+    m_process.waitForFinished(kExitMs);
+}
+
+void Collector::kill()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.kill();
+    m_process.waitForFinished(kExitMs);
+}
+
+bool Collector::isRunning() const
+{
+    return m_process.state() == QProcess::Running;
+}
+
+qint64 Collector::processId() const
+{
+    return m_process.processId();
+}
+
+QStringList Collector::log()
+{
+    m_errors += m_process.readAllStandardError();
+    return QString::fromUtf8(m_errors).split(u'\n', Qt::SkipEmptyParts);
+}
+
+QString Collector::output()
+{
+    m_output += m_process.readAllStandardOutput();
+    return QString::fromUtf8(m_output);
+}
+
+bool Collector::waitForLog(const QString& text, qsizetype count)
+{
+    return QTest::qWaitFor([&] { return log().filter(text).size() >= count; }, kLogMs);
+}
+
+} // namespace tarn::test

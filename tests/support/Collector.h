@@ -1,0 +1,51 @@
+// The collector's binary as a child process, with a settings file of its own and its log at hand.
+#pragma once
+
+#include <QMap>
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace tarn::test {
+
+class Collector
+{
+public:
+    Collector();
+    ~Collector();
+
+    /// Keys and values of the settings file, as `section/key`; written when the collector is started.
+    QMap<QString, QString> settings;
+    /// Variables of the child's environment, over the test's own.
+    QMap<QString, QString> environment;
+
+    /// Starts it with `--config` and a file of @ref settings.
+    void start();
+    /// Starts it with just these arguments.
+    void startWith(const QStringList& arguments);
+    /// The process's exit status, once it has ended by itself; -1 when it does not within a minute.
+    int waitForExit();
+    /// Ends it as an operator would (SIGTERM).
+    void terminate();
+    /// Ends it as `kill -9` does.
+    void kill();
+
+    bool isRunning() const;
+    qint64 processId() const;
+    QString settingsPath() const;
+
+    /// The log so far: everything that the process has written to standard error, a line an entry.
+    QStringList log();
+    /// What the process has written to standard output.
+    QString output();
+    /// Waits until a line of the log contains @p text, or @p count lines do; false after half a minute.
+    bool waitForLog(const QString& text, qsizetype count = 1);
+
+private:
+    QTemporaryDir m_folder;
+    QProcess m_process;
+    QByteArray m_errors;
+    QByteArray m_output;
+};
+
+} // namespace tarn::test
