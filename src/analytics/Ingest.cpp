@@ -1,0 +1,411 @@
+#include "analytics/Ingest.h"
+
+#include "analytics/Classifier.h"
+#include "analytics/LogParser.h"
+#include "common/Db.h"
+
+#include <QCryptographicHash>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QStringList>
+#include <QUrl>
+#include <QUrlQuery>
+#include <QVariant>
+
+#include <arpa/inet.h>
+
+#include <limits>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::analytics {
+
+namespace {
+
+constexpr qsizetype kRowsPerInsert = 200;
+constexpr qsizetype kMaxCountries = 200'000;
+constexpr qsizetype kMaxSessions = 50'000;
+constexpr qint64 kSessionGapSeconds = 1'800;
+
+constexpr qsizetype kMaxMethodBytes = 16;
+constexpr qsizetype kMaxPathLength = 2'000;
+constexpr qsizetype kMaxReferrerBytes = 1'000;
+constexpr double kMaxEngagedSeconds = 21'600;
+
+/// Where the sites' tracking snippet reports how long a page was read: "/tarn-b?p=<path>&t=<seconds>".
+constexpr QByteArrayView kBeaconPath = "/tarn-b";
+
+const auto kCountryQuery =
+    u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
+    "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)"_s;
+
+QSqlDatabase session()
+{
+    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
+}
+
+/// PostgreSQL's text holds every character but this one, which "%00" in a request makes; a statement that
+/// contains it is cut there, and fails.
+QString withoutNuls(QString text)
+{
+    return text.remove(QChar::Null);
+}
+
+/// @p text to be bound to a column that is never NULL; the driver takes a null string for NULL.
+QString storable(const QString& text)
+{
+    return text.isEmpty() ? u""_s : withoutNuls(text);
+}
+
+QVariant textOrNull(const QString& text)
+{
+    const QString value = storable(text);
+    return value.isEmpty() ? QVariant() : QVariant(value);
+}
+
+/// True for what PostgreSQL takes as an inet. Qt's own reader also takes "1", "127.1" and "fe80::1%eth0".
+bool isAddress(const QString& text)
+{
+    const QByteArray address = text.toLatin1();
+    in6_addr parsed = {};
+    return !address.contains('\0')
+           && (inet_pton(AF_INET, address.constData(), &parsed) == 1
+               || inet_pton(AF_INET6, address.constData(), &parsed) == 1);
+}
+
+/// True for the years that Qt can write and PostgreSQL can read.
+bool isStorableTime(const QDateTime& at)
+{
+    const int year = at.date().year();
+    return year >= 1 && year <= 9999;
+}
+
+struct Beacon
+{
+    QString path;
+    double seconds = 0;
+};
+
+/// What the tracking snippet reports in @p query ("p=%2Fabout&t=12.5"); nothing when it makes no sense.
+std::optional<Beacon> parseBeacon(QByteArrayView query)
+{
+    const QUrlQuery items(QString::fromUtf8(query));
+    const QString path = withoutNuls(items.queryItemValue(u"p"_s, QUrl::FullyDecoded).left(kMaxPathLength));
+    const double seconds = items.queryItemValue(u"t"_s).toDouble();
+    // Not a number passes: the roll-up leaves it out of its sums, and the row still tells that the page was
+    // open.
+    if (path.isEmpty() || 0 >= seconds || seconds > kMaxEngagedSeconds)
+        return std::nullopt;
+    return Beacon{path, seconds};
+}
+
+/// The one column of the one row that @p query yields for @p ip, empty without a row; nothing when it fails.
+std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
+{
+    query.addBindValue(storable(ip));
+    query.addBindValue(storable(ip));
+    if (!db::exec(query))
+        return std::nullopt;
+    return query.next() ? query.value(0).toString() : QString();
+}
+
+qint64 nextSessionId()
+{
+    QSqlQuery query;
+    if (!query.exec(u"SELECT nextval('tarn.session_seq')"_s) || !query.next())
+        return 0;
+    return query.value(0).toLongLong();
+}
+
+} // namespace
+
+/// A pending hit.
+struct Ingest::Row
+{
+    LogLine log; ///< method and status are overwritten for beacons
+    QString path;
+    bool page = false;
+    QString ip; ///< empty when the log holds no valid address
+    QByteArray visitor;
+    qint64 session = 0;
+    QString country;
+    Source source;
+    Client client;
+    QVariant engagedSecs; ///< a double for beacons, else null
+};
+
+/// The transaction of one call with the statements that are prepared once for it. They must not die before
+/// the transaction has ended: a statement cannot be freed inside an aborted transaction and would stay in the
+/// server.
+class Ingest::Transaction
+{
+public:
+    Transaction() { session().transaction(); }
+
+    /// Look-ups may fail without spoiling the hits around them: they run behind a savepoint, set once for all
+    /// that come between two batches. It is released before anything is written, so that rolling back to it
+    /// costs nothing but the failed look-up.
+    template <typename LookUp>
+    auto guarded(LookUp lookUp)
+    {
+        if (!m_guarded)
+            m_guarded = QSqlQuery().exec(u"SAVEPOINT look_up"_s);
+        const auto result = lookUp();
+        if (!result && !QSqlQuery().exec(u"ROLLBACK TO SAVEPOINT look_up"_s))
+            m_spoilt = true;
+        return result;
+    }
+
+    std::optional<QString> country(const QString& ip)
+    {
+        return guarded([&] {
+            bool prepared = true;
+            if (!m_country)
+                prepared = m_country.emplace().prepare(kCountryQuery);
+            const std::optional<QString> found = findCountry(*m_country, ip);
+            if (!prepared)
+                m_country.reset();
+            return found;
+        });
+    }
+
+    /// The statement for @p rows hits. That for a full batch is prepared once and bound again for each.
+    QSqlQuery& insertion(qsizetype rows)
+    {
+        if (m_guarded)
+            m_guarded = !QSqlQuery().exec(u"RELEASE SAVEPOINT look_up"_s);
+        std::optional<QSqlQuery>& query = rows == kRowsPerInsert ? m_fullBatch : m_lastBatch;
+        if (!query) {
+            query.emplace();
+            query->prepare(hitInsertStatement(rows));
+        }
+        return *query;
+    }
+
+    void spoil() { m_spoilt = true; }
+    /// True once nothing of the transaction can be kept: a batch was refused, or the session is lost.
+    bool isSpoilt() const { return m_spoilt; }
+
+    void commit()
+    {
+        QSqlDatabase database = session();
+        if (!database.commit() && !m_spoilt)
+            qWarning("sql: %s", qPrintable(database.lastError().text()));
+    }
+
+private:
+    std::optional<QSqlQuery> m_fullBatch;
+    std::optional<QSqlQuery> m_lastBatch;
+    std::optional<QSqlQuery> m_country;
+    bool m_guarded = false;
+    bool m_spoilt = false;
+};
+
+Ingest::Ingest() = default;
+Ingest::~Ingest() = default;
+
+bool Ingest::init()
+{
+    QSqlQuery query;
+    if (!query.exec(u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s) || !query.next())
+        return false;
+    m_secret = query.value(0).toString().toLatin1();
+    m_haveGeo = query.exec(u"SELECT EXISTS (SELECT 1 FROM tarn.geo_country)"_s) && query.next()
+                && query.value(0).toBool();
+    return true;
+}
+
+Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByteArray>& lines)
+{
+    Result result;
+    QList<Row> rows;
+    rows.reserve(kRowsPerInsert);
+    const auto store = [&] {
+        if (insertBatch(siteId, rows))
+            result.stored += static_cast<int>(rows.size());
+        rows.clear();
+    };
+
+    m_transaction = std::make_unique<Transaction>();
+    for (const QByteArray& line : lines) {
+        if (std::optional<Row> row = rowFor(siteId, host, line, result))
+            rows.append(std::move(*row));
+        if (rows.size() == kRowsPerInsert)
+            store();
+    }
+    store();
+    m_transaction->commit();
+    m_transaction.reset();
+
+    pruneSessions();
+    if (result.stored > 0) {
+        QSqlQuery query;
+        query.prepare(u"SELECT pg_notify('tarn_hits', ?)"_s);
+        query.addBindValue(QString::number(siteId));
+        db::exec(query);
+    }
+    return result;
+}
+
+/// The hit in @p line, after counting the line in @p result; nothing when there is none to store.
+std::optional<Ingest::Row> Ingest::rowFor(int siteId, const QString& host, const QByteArray& line,
+                                          Result& result)
+{
+    if (line.trimmed().isEmpty())
+        return std::nullopt;
+    ++result.lines;
+    std::optional<LogLine> log = parseCombined(line);
+    if (!log || !isStorableTime(log->at)) {
+        ++result.skipped;
+        return std::nullopt;
+    }
+
+    Row row;
+    const qsizetype mark = log->target.indexOf('?');
+    const QByteArray rawPath = mark < 0 ? log->target : log->target.first(mark);
+    if (rawPath == kBeaconPath) {
+        const std::optional<Beacon> beacon = parseBeacon(log->target.mid(kBeaconPath.size() + 1));
+        if (!beacon)
+            return std::nullopt;
+        row.engagedSecs = beacon->seconds;
+        row.path = beacon->path;
+        log->method = "BEACON";
+        log->status = 204;
+    } else {
+        row.path = withoutNuls(QUrl::fromPercentEncoding(rawPath));
+        row.page = isPage(log->method, row.path);
+    }
+    result.days.insert(log->at.toLocalTime().date());
+    // Nothing of this call is kept: no id and no country is worth asking for.
+    if (m_transaction->isSpoilt())
+        return std::nullopt;
+
+    if (isAddress(log->ip))
+        row.ip = log->ip;
+    row.visitor = visitorHash(siteId, log->ip, log->userAgent, log->at.date());
+    row.session = sessionFor(row.visitor, log->at);
+    row.country = country(row.ip);
+    row.source = classifySource(log->referrer, log->target, host);
+    row.client = classifyClient(log->userAgent);
+    row.log = std::move(*log);
+    return row;
+}
+
+bool Ingest::insertBatch(int siteId, const QList<Row>& rows)
+{
+    if (rows.isEmpty() || m_transaction->isSpoilt())
+        return false;
+    QSqlQuery& query = m_transaction->insertion(rows.size());
+    for (const Row& row : rows) {
+        query.addBindValue(siteId);
+        query.addBindValue(row.log.at);
+        query.addBindValue(storable(QString::fromLatin1(row.log.method.left(kMaxMethodBytes))));
+        query.addBindValue(storable(row.path.left(kMaxPathLength)));
+        query.addBindValue(row.log.status);
+        query.addBindValue(row.log.bytes);
+        query.addBindValue(row.page);
+        query.addBindValue(textOrNull(row.ip));
+        query.addBindValue(row.visitor);
+        query.addBindValue(row.session);
+        query.addBindValue(textOrNull(row.country));
+        query.addBindValue(row.source.kind);
+        query.addBindValue(textOrNull(row.source.name));
+        query.addBindValue(textOrNull(QString::fromUtf8(row.log.referrer.left(kMaxReferrerBytes))));
+        query.addBindValue(textOrNull(row.source.searchTerms));
+        query.addBindValue(row.client.device);
+        query.addBindValue(row.client.browser);
+        query.addBindValue(row.client.os);
+        query.addBindValue(textOrNull(row.client.bot));
+        query.addBindValue(row.engagedSecs);
+        const bool known = row.log.responseUs >= 0 && row.log.responseUs < std::numeric_limits<int>::max();
+        query.addBindValue(known ? QVariant(static_cast<int>(row.log.responseUs)) : QVariant());
+    }
+    if (db::exec(query))
+        return true;
+    m_transaction->spoil();
+    return false;
+}
+
+/// Without a bound a flood of made-up user agents would fill the memory.
+void Ingest::pruneSessions()
+{
+    if (m_sessions.size() <= kMaxSessions)
+        return;
+    const QDateTime oldest = QDateTime::currentDateTimeUtc().addSecs(-kSessionGapSeconds);
+    m_sessions.removeIf([&oldest](const auto& entry) { return entry.value().last < oldest; });
+}
+
+void Ingest::rollup(int siteId, const QSet<QDate>& days)
+{
+    for (const QDate& day : days) {
+        QSqlQuery query;
+        query.prepare(u"SELECT tarn.rollup_day(?, ?)"_s);
+        query.addBindValue(siteId);
+        query.addBindValue(day);
+        db::exec(query);
+    }
+}
+
+QByteArray Ingest::visitorHash(int siteId, const QString& ip, const QByteArray& userAgent, QDate day) const
+{
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    hash.addData(m_secret);
+    hash.addData(day.toString(Qt::ISODate).toLatin1());
+    hash.addData(QByteArray::number(siteId));
+    hash.addData(ip.toLatin1());
+    hash.addData(userAgent);
+    return hash.result().first(8);
+}
+
+qint64 Ingest::sessionFor(const QByteArray& visitor, const QDateTime& at)
+{
+    Session& open = m_sessions[visitor];
+    // Lines out of order give a negative gap, which is as good as a short one.
+    if (open.id == 0 || open.last.secsTo(at) > kSessionGapSeconds) {
+        const auto next = []() -> std::optional<qint64> {
+            const qint64 id = nextSessionId();
+            return id == 0 ? std::nullopt : std::optional(id);
+        };
+        open.id = (m_transaction ? m_transaction->guarded(next) : next()).value_or(0);
+    }
+    if (!open.last.isValid() || at > open.last)
+        open.last = at;
+    return open.id;
+}
+
+QString Ingest::country(const QString& ip)
+{
+    if (!m_haveGeo)
+        return {};
+    if (const auto known = m_countries.constFind(ip); known != m_countries.constEnd())
+        return *known;
+
+    std::optional<QString> found;
+    if (m_transaction) {
+        found = m_transaction->country(ip);
+    } else {
+        QSqlQuery query;
+        query.prepare(kCountryQuery);
+        found = findCountry(query, ip);
+    }
+    // That the server is gone says nothing of the address, which comes again with the same line.
+    if (!found && !session().isOpen())
+        return {};
+    if (m_countries.size() > kMaxCountries)
+        m_countries.clear();
+    m_countries.insert(ip, found.value_or(QString()));
+    return found.value_or(QString());
+}
+
+QString hitInsertStatement(qsizetype rows)
+{
+    const auto group = u"(?, ?, ?, ?, ?, ?, ?, CAST(? AS inet), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"_s;
+    return u"INSERT INTO tarn.hits (site_id, at, method, path, status, bytes, is_page, ip, visitor, "
+           u"session_id, "
+           "country, source_kind, source, referrer, search_terms, device, browser, os, bot, engaged_secs, "
+           "response_us) VALUES "_s
+           + QStringList(rows, group).join(u", "_s);
+}
+
+} // namespace tarn::analytics

@@ -1,0 +1,79 @@
+// From the raw lines of one site's access log to stored hits: parses, classifies, gives each visitor a daily
+// id and a session, looks up the country and writes the rows. Reads no file (its caller does) and keeps what
+// it remembers, open sessions and known addresses, in memory only. Main thread only.
+#pragma once
+
+#include <QByteArray>
+#include <QDate>
+#include <QDateTime>
+#include <QHash>
+#include <QList>
+#include <QSet>
+#include <QString>
+
+#include <memory>
+
+namespace tarn::analytics {
+
+class Ingest
+{
+public:
+    /// What became of the lines of one call.
+    struct Result
+    {
+        int lines = 0;    ///< lines that are not blank
+        int stored = 0;   ///< hits written
+        int skipped = 0;  ///< lines that are not blank and no usable log entry
+        QSet<QDate> days; ///< local calendar days of the hits
+    };
+
+    Ingest();
+    ~Ingest();
+
+    /// Reads the visitor secret, and whether there is a country table. False when there is no secret, as in a
+    /// database without the tables. To be called once, before ingest(); later changes need a restart.
+    bool init();
+
+    /// Stores the hits in @p lines, given without their line feeds, in one transaction, and announces them on
+    /// the channel "tarn_hits". A line that is no log entry is counted and costs nothing but itself. When the
+    /// database refuses a batch, nothing of this call is kept. @p host is the site's name.
+    Result ingest(int siteId, const QString& host, const QList<QByteArray>& lines);
+
+    /// Has the database recompute a site's figures of the given days.
+    static void rollup(int siteId, const QSet<QDate>& days);
+
+    /// Eight bytes that stand for a visitor on one site and one day, and cannot be reversed without the
+    /// secret.
+    QByteArray visitorHash(int siteId, const QString& ip, const QByteArray& userAgent, QDate day) const;
+
+    /// The id of the visitor's session: the open one when its last hit is at most 30 minutes before @p at,
+    /// else a new one; 0 when the database gave none.
+    qint64 sessionFor(const QByteArray& visitor, const QDateTime& at);
+
+    /// Upper-case ISO 3166-1 alpha-2 code of an address; empty when it lies in no known range.
+    QString country(const QString& ip);
+
+private:
+    struct Session
+    {
+        qint64 id = 0;  ///< 0: none was assigned
+        QDateTime last; ///< time of the last hit; invalid for a new entry
+    };
+    struct Row;
+    class Transaction;
+
+    std::optional<Row> rowFor(int siteId, const QString& host, const QByteArray& line, Result& result);
+    bool insertBatch(int siteId, const QList<Row>& rows);
+    void pruneSessions();
+
+    QByteArray m_secret;
+    QHash<QByteArray, Session> m_sessions; ///< by visitor id
+    QHash<QString, QString> m_countries;   ///< by address
+    bool m_haveGeo = false;
+    std::unique_ptr<Transaction> m_transaction; ///< of the running ingest(); null between calls
+};
+
+/// The statement that stores @p rows hits at once, for 21 positional values a row.
+QString hitInsertStatement(qsizetype rows);
+
+} // namespace tarn::analytics

@@ -1,0 +1,238 @@
+// The collector: start-up, timers, and the jobs that are private to it.
+
+#include "analytics/Ingest.h"
+#include "common/Config.h"
+#include "common/Db.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QFile>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QSqlDriver>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTimer>
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <limits>
+#include <optional>
+
+using namespace Qt::Literals::StringLiterals;
+using tarn::analytics::Ingest;
+
+namespace {
+
+constexpr int kSchemaVersion = 11;
+constexpr auto kLogInterval = std::chrono::seconds(2);
+constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
+
+/// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs.
+constexpr qint64 kSliceBytes = 8 * 1024 * 1024;
+
+/// The session as it is; asking for it in the plain way would open a closed one behind db::ensure()'s back.
+QSqlDatabase session()
+{
+    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
+}
+
+/// One row of tarn.log_sources, with the host of its site.
+struct LogSource
+{
+    int id = 0;
+    QString path;
+    std::optional<quint64> inode; ///< of the file last read
+    qint64 readOffset = 0;
+    int siteId = 0;
+    QString host;
+};
+
+QList<LogSource> logSources()
+{
+    QList<LogSource> sources;
+    QSqlQuery query(u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l "
+                    "JOIN tarn.sites s ON s.id = l.site_id"_s);
+    while (query.next()) {
+        LogSource source;
+        source.id = query.value(0).toInt();
+        source.path = query.value(1).toString();
+        if (!query.isNull(2))
+            source.inode = static_cast<quint64>(query.value(2).toLongLong());
+        source.readOffset = query.value(3).toLongLong();
+        source.siteId = query.value(4).toInt();
+        source.host = query.value(5).toString();
+        sources.append(source);
+    }
+    return sources;
+}
+
+/// Where to go on reading: at the start for a log that is new, has been rotated or has been cut in place.
+qint64 startOffset(const LogSource& source, const struct stat& file)
+{
+    const bool same = source.inode == file.st_ino && file.st_size >= source.readOffset;
+    return same ? source.readOffset : 0;
+}
+
+/// What stands in the log from @p offset on, up to the last line feed of the slice; empty when there is no
+/// whole line, nothing when the file cannot be read.
+std::optional<QByteArray> readLines(const LogSource& source, const struct stat& file, qint64 offset)
+{
+    QFile log(source.path);
+    if (!log.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || !log.seek(offset))
+        return std::nullopt;
+    struct stat opened = {};
+    // Rotated since it was looked at: the next pass sees the new file from its start.
+    if (fstat(log.handle(), &opened) != 0 || opened.st_ino != file.st_ino)
+        return QByteArray();
+    QByteArray data = log.read(kSliceBytes);
+    data.truncate(data.lastIndexOf('\n') + 1);
+    return data;
+}
+
+void followLog(Ingest& ingest, const LogSource& source)
+{
+    struct stat file = {};
+    if (stat(source.path.toLocal8Bit().constData(), &file) != 0)
+        return;
+    const qint64 offset = startOffset(source, file);
+    if (file.st_size == offset)
+        return;
+    const std::optional<QByteArray> data = readLines(source, file, offset);
+    if (!data) {
+        qWarning("collect: cannot read %s", qPrintable(source.path));
+        return;
+    }
+    if (data->isEmpty())
+        return;
+
+    const Ingest::Result result = ingest.ingest(source.siteId, source.host, data->split('\n'));
+    if (result.skipped != 0)
+        qWarning("collect: %s: %d lines were not log entries", qPrintable(source.path), result.skipped);
+
+    QSqlQuery query;
+    query.prepare(
+        u"UPDATE tarn.log_sources SET inode = ?, read_offset = ?, updated_at = now() WHERE id = ?"_s);
+    query.addBindValue(static_cast<qint64>(file.st_ino));
+    query.addBindValue(offset + data->size());
+    query.addBindValue(source.id);
+    tarn::db::exec(query);
+}
+
+/// Feeds what has been appended to the sites' access logs to @p ingest. All that is remembered from one pass
+/// to the next is in the database: the place in each log is stored after its lines are, so that a crash in
+/// between reads them again rather than losing them.
+void followLogs(Ingest& ingest)
+{
+    const QList<LogSource> sources = logSources();
+    for (const LogSource& source : sources) {
+        // A server lost half-way keeps nothing of what the remaining logs hold: the next pass reads them.
+        if (!session().isOpen())
+            return;
+        followLog(ingest, source);
+    }
+}
+
+/// Deletes hits past the retention that the suite has set; without one they are kept for ever.
+void removeOldHits()
+{
+    QSqlQuery setting(u"SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'"_s);
+    if (!setting.next() || setting.value(0).toInt() <= 0)
+        return;
+    const int days = setting.value(0).toInt();
+    QSqlQuery removal;
+    removal.prepare(u"DELETE FROM tarn.hits WHERE at < now() - make_interval(days => ?)"_s);
+    removal.addBindValue(days);
+    tarn::db::exec(removal);
+    qInfo("collect: removed %d raw hits older than %d days", removal.numRowsAffected(), days);
+}
+
+/// Rolls every site's hits up, and does the daily work on the first call of a day.
+void maintain()
+{
+    static QDate lastDailyPass;
+    const QDate today = QDate::currentDate();
+    QSet<QDate> days = {today};
+    if (lastDailyPass != today)
+        days.insert(today.addDays(-1)); // for the hits of its last minutes
+
+    QSqlQuery sites(u"SELECT id FROM tarn.sites"_s);
+    while (sites.next())
+        Ingest::rollup(sites.value(0).toInt(), days);
+
+    if (lastDailyPass == today)
+        return;
+    lastDailyPass = today;
+    removeOldHits();
+}
+
+/// An interval setting as the timer takes it, which counts milliseconds in an int.
+std::chrono::milliseconds interval(std::chrono::seconds wanted)
+{
+    constexpr std::chrono::milliseconds longest(std::numeric_limits<int>::max());
+    return std::min(std::chrono::milliseconds(wanted), longest);
+}
+
+/// Has @p timer run @p job for as long as the process lives, except while the database cannot be reached.
+template <typename Job>
+void start(QTimer& timer, std::chrono::milliseconds period, Job job)
+{
+    QObject::connect(&timer, &QTimer::timeout, &timer, [job] {
+        if (tarn::db::ensure(false))
+            job();
+    });
+    timer.start(period);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(u"tarn-collect"_s);
+    QCoreApplication::setApplicationVersion(u"0.1"_s);
+
+    QCommandLineParser parser;
+    parser.addHelpOption();
+    tarn::addConfigOption(parser);
+    parser.process(application);
+    const QString configPath = tarn::configPath(parser);
+    if (configPath.isEmpty())
+        return 1;
+    const QSettings settings(configPath, QSettings::IniFormat);
+
+    if (!tarn::db::open(settings, QCoreApplication::applicationName()))
+        return 1;
+    if (tarn::db::schemaVersion() != kSchemaVersion) {
+        qCritical("database schema is not at version %d; run tarn-admin migrate", kSchemaVersion);
+        return 1;
+    }
+
+    using std::chrono::minutes;
+    using std::chrono::seconds;
+    QTimer healthTimer;
+    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())), [] {});
+
+    Ingest ingest;
+    if (!ingest.init()) {
+        qCritical("analytics tables are missing; run tarn-admin migrate");
+        return 1;
+    }
+    QTimer logTimer;
+    start(logTimer, kLogInterval, [&ingest] { followLogs(ingest); });
+    followLogs(ingest);
+
+    QSqlDriver* driver = session().driver();
+    driver->subscribeToNotification(u"tarn_sync"_s);
+    driver->subscribeToNotification(u"tarn_usage"_s);
+
+    QTimer usageTimer;
+    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())), [] {});
+
+    QTimer maintenanceTimer;
+    start(maintenanceTimer, kMaintenanceInterval, maintain);
+    maintain();
+
+    return QCoreApplication::exec();
+}
