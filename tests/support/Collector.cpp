@@ -5,7 +5,9 @@
 #include <QTextStream>
 
 #include <csignal>
+#include <linux/capability.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -26,6 +28,15 @@ Collector::Collector()
 Collector::~Collector()
 {
     kill();
+}
+
+void Collector::obeyFileModes()
+{
+    m_process.setChildProcessModifier([] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+        prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+    });
 }
 
 QString Collector::settingsPath() const
@@ -102,6 +113,17 @@ QString Collector::output()
 {
     m_output += m_process.readAllStandardOutput();
     return QString::fromUtf8(m_output);
+}
+
+double Collector::cpuSeconds() const
+{
+    QFile file(u"/proc/%1/stat"_s.arg(processId()));
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    // The second field is the program's name in parentheses; user and system time are the 14th and 15th.
+    const QByteArray stat = file.readAll();
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    return (fields.at(11).toDouble() + fields.at(12).toDouble()) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 bool Collector::waitForLog(const QString& text, qsizetype count)

@@ -19,6 +19,10 @@ public:
     /// Variables of the child's environment, over the test's own.
     QMap<QString, QString> environment;
 
+    /// Run as somebody whom file modes bind, also where the tests run as root. To be set before it is
+    /// started.
+    void obeyFileModes();
+
     /// Starts it with `--config` and a file of @ref settings.
     void start();
     /// Starts it with just these arguments.
@@ -38,6 +42,8 @@ public:
     QStringList log();
     /// What the process has written to standard output.
     QString output();
+    /// Seconds of processor time that it has used.
+    double cpuSeconds() const;
     /// Waits until a line of the log contains @p text, or @p count lines do; false after half a minute.
     bool waitForLog(const QString& text, qsizetype count = 1);
 

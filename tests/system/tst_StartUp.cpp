@@ -1,0 +1,260 @@
+// The running binary from its command line to the event loop: what it refuses, what it says, how it ends.
+
+#include "support/Collector.h"
+#include "support/PostgresServer.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTest>
+
+#include <csignal>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace tarn;
+
+class tst_StartUp : public QObject
+{
+    Q_OBJECT
+
+private:
+    /// A database with the schema, and the collector's settings for it; `m_database` is the test's own
+    /// session.
+    void prepare()
+    {
+        const QString name = m_server.createDatabase();
+        m_database = m_server.connect(name, u"test"_s);
+        m_collector = std::make_unique<test::Collector>();
+        m_collector->settings = {
+            {u"database/host"_s, m_server.socketFolder()},
+            {u"database/name"_s, name                   },
+            {u"database/user"_s, u"postgres"_s          }
+        };
+    }
+
+    /// True once the collector's session shows in the server and has come to rest.
+    bool waitUntilRunning()
+    {
+        const auto settled = [this] {
+            return test::value(
+                       m_database,
+                       u"SELECT count(*) FROM pg_stat_activity WHERE application_name = 'tarn-collect' "
+                       "AND datname = current_database() AND state = 'idle' AND query LIKE '%sites%'"_s)
+                   == u"1"_s;
+        };
+        return QTest::qWaitFor(settled, 20'000);
+    }
+
+    void run(const QString& statement) { test::run(m_database, statement); }
+
+    test::PostgresServer m_server;
+    QSqlDatabase m_database;
+    std::unique_ptr<test::Collector> m_collector;
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_server.start()); }
+
+    void init()
+    {
+        QTest::failOnWarning(QRegularExpression(u".?"_s));
+        prepare();
+    }
+
+    void cleanup() { m_collector.reset(); }
+
+    void help()
+    {
+        m_collector->startWith({u"--help"_s});
+        QCOMPARE(m_collector->waitForExit(), 0);
+        QVERIFY2(m_collector->output().contains(QRegularExpression(
+                     u"-h, --help.*--config <file>"_s, QRegularExpression::DotMatchesEverythingOption)),
+                 qPrintable(m_collector->output()));
+    }
+
+    void unknownOption_data()
+    {
+        QTest::addColumn<QString>("option");
+        QTest::newRow("made-up") << u"--verbose"_s;
+        QTest::newRow("there-is-no-version-option") << u"--version"_s;
+    }
+    void unknownOption()
+    {
+        QFETCH(const QString, option);
+        m_collector->startWith({option});
+        QCOMPARE(m_collector->waitForExit(), 1);
+        QVERIFY2(m_collector->log().join(u'\n').contains(u"Unknown option"_s),
+                 qPrintable(m_collector->log().join(u'\n')));
+    }
+
+    void missingSettingsFile()
+    {
+        m_collector->environment = {
+            {u"TARN_CONFIG"_s, m_collector->settingsPath()}
+        };
+        m_collector->start(); // so that the file of the environment is a good one
+        m_collector->kill();
+        m_collector->startWith({u"--config"_s, u"/nowhere/tarnhold.ini"_s});
+        QCOMPARE(m_collector->waitForExit(), 1);
+        QCOMPARE(m_collector->log(), QStringList{u"config file not found: /nowhere/tarnhold.ini"_s});
+    }
+
+    void settingsFileOfTheEnvironment()
+    {
+        m_collector->start();
+        m_collector->kill();
+        m_collector->environment = {
+            {u"TARN_CONFIG"_s, m_collector->settingsPath()}
+        };
+        m_collector->startWith({});
+        QVERIFY(waitUntilRunning());
+    }
+
+    void databaseOutOfReach()
+    {
+        m_collector->settings[u"database/host"_s] = u"/nowhere"_s;
+        m_collector->start();
+        QCOMPARE(m_collector->waitForExit(), 1);
+        QVERIFY2(m_collector->log().value(0).startsWith(u"database: "_s),
+                 qPrintable(m_collector->log().join(u'\n')));
+    }
+
+    void otherSchemaVersion_data()
+    {
+        QTest::addColumn<QString>("statement");
+        QTest::newRow("later") << u"INSERT INTO tarn.schema_migrations (version) VALUES (12)"_s;
+        QTest::newRow("earlier") << u"UPDATE tarn.schema_migrations SET version = 10"_s;
+        QTest::newRow("none-recorded") << u"DELETE FROM tarn.schema_migrations"_s;
+        QTest::newRow("no-such-table") << u"DROP TABLE tarn.schema_migrations"_s;
+        QTest::newRow("no-schema") << u"DROP SCHEMA tarn CASCADE"_s;
+    }
+    void otherSchemaVersion()
+    {
+        QFETCH(const QString, statement);
+        run(u"SET client_min_messages = warning"_s);
+        run(statement);
+        m_collector->start();
+        QCOMPARE(m_collector->waitForExit(), 1);
+        QCOMPARE(m_collector->log(),
+                 QStringList{u"database schema is not at version 11; run tarn-admin migrate"_s});
+    }
+
+    void analyticsTablesMissing_data()
+    {
+        QTest::addColumn<QString>("statement");
+        QTest::newRow("no-secret") << u"DELETE FROM tarn.settings WHERE key = 'visitor_secret'"_s;
+        QTest::newRow("no-settings-table") << u"DROP TABLE tarn.settings"_s;
+    }
+    void analyticsTablesMissing()
+    {
+        QFETCH(const QString, statement);
+        run(statement);
+        m_collector->start();
+        QCOMPARE(m_collector->waitForExit(), 1);
+        QCOMPARE(m_collector->log(), QStringList{u"analytics tables are missing; run tarn-admin migrate"_s});
+    }
+
+    void runsUntilItIsEndedFromOutside()
+    {
+        m_collector->start();
+        QVERIFY(waitUntilRunning());
+        m_collector->terminate();
+        QVERIFY(!m_collector->isRunning());
+        QCOMPARE(m_collector->waitForExit(), -1); // ended by the signal's default action
+        QCOMPARE(m_collector->log(), QStringList());
+    }
+
+    void subscribesInOrder()
+    {
+        run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(m_database.databaseName()));
+        m_collector->start();
+        QVERIFY(waitUntilRunning());
+        QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString serverLog = QString::fromUtf8(file.readAll());
+        QVERIFY(serverLog.contains(QRegularExpression(u"LISTEN \"?tarn_sync.*LISTEN \"?tarn_usage"_s,
+                                                      QRegularExpression::DotMatchesEverythingOption)));
+    }
+
+    void notificationsAreTaken()
+    {
+        m_collector->settings[u"google/client_id"_s] = u"id-without-secret"_s;
+        m_collector->start();
+        QVERIFY(waitUntilRunning());
+        for (const QString& channel : {u"tarn_sync"_s, u"tarn_usage"_s, u"tarn_hits"_s, u"something"_s})
+            run(u"NOTIFY "_s + channel);
+        QTest::qWait(300);
+        QVERIFY(m_collector->isRunning());
+        QCOMPARE(m_collector->log(), QStringList());
+    }
+
+    void intervalsAsTyped_data()
+    {
+        QTest::addColumn<QString>("interval");
+        QTest::newRow("zero") << u"0"_s;
+        QTest::newRow("no-number") << u"soon"_s;
+        QTest::newRow("longer-than-a-timer-counts") << u"2147483647"_s;
+    }
+    void intervalsAsTyped()
+    {
+        QFETCH(const QString, interval);
+        m_collector->settings[u"collect/interval_seconds"_s] = interval;
+        m_collector->settings[u"hosting/usage_minutes"_s] = interval;
+        m_collector->start();
+        // The other timers get their turn: the pass over the logs comes again after the start's own.
+        const auto passes = [this] {
+            return test::value(
+                       m_database,
+                       u"SELECT extract(epoch FROM query_start - backend_start) > 1.5 FROM pg_stat_activity "
+                       "WHERE application_name = 'tarn-collect' AND datname = current_database() "
+                       "AND query LIKE '%log_sources%'"_s)
+                   == u"true"_s;
+        };
+        QVERIFY(QTest::qWaitFor(passes, 20'000));
+        QVERIFY(m_collector->isRunning());
+    }
+
+    void rollsUpAndTidiesAtStart()
+    {
+        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
+        run(u"INSERT INTO tarn.settings VALUES ('raw_hit_days', '400')"_s);
+        run(u"INSERT INTO tarn.hits (site_id, at, method, path, status, is_page, visitor) "
+            "SELECT 1, now() - make_interval(days => d), 'GET', '/', 200, true, '\\x01' "
+            "FROM unnest(ARRAY[0, 1, 399, 401, 402]) d"_s);
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(u"collect: removed 2 raw hits older than 400 days"_s));
+        QCOMPARE(test::value(m_database, u"SELECT count(*) FROM tarn.hits"_s), u"3"_s);
+        QCOMPARE(test::value(m_database,
+                             u"SELECT string_agg((current_date - day)::text, ' ' ORDER BY day DESC) "
+                             "FROM tarn.site_days WHERE page_views = 1"_s),
+                 u"0 1"_s);
+    }
+
+    void keepsHitsForEverByDefault_data()
+    {
+        QTest::addColumn<QString>("days"); // empty: no such row
+        QTest::newRow("not-set") << QString();
+        QTest::newRow("zero") << u"0"_s;
+        QTest::newRow("negative") << u"-1"_s;
+        QTest::newRow("no-number") << u"year"_s;
+    }
+    void keepsHitsForEverByDefault()
+    {
+        QFETCH(const QString, days);
+        if (!days.isEmpty())
+            run(u"INSERT INTO tarn.settings VALUES ('raw_hit_days', '%1')"_s.arg(days));
+        run(u"INSERT INTO tarn.hits (site_id, at) VALUES (1, '1999-12-31')"_s);
+        m_collector->start();
+        QTRY_VERIFY_WITH_TIMEOUT(
+            test::value(m_database,
+                        u"SELECT count(*) FROM pg_stat_activity WHERE query LIKE '%raw_hit_days%' AND "
+                        "application_name = 'tarn-collect' AND datname = current_database()"_s)
+                == u"1"_s,
+            20'000);
+        QCOMPARE(test::value(m_database, u"SELECT count(*) FROM tarn.hits"_s), u"1"_s);
+        QCOMPARE(m_collector->log(), QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_StartUp)
+#include "tst_StartUp.moc"
