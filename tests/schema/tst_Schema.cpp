@@ -1,0 +1,348 @@
+#include "CollectorStatements.h"
+#include "Probe.h"
+#include "support/PostgresServer.h"
+
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace tarn;
+
+namespace {
+
+/// What the schema holds, as a checksum: relations, functions, constraints and every row that loading makes.
+const auto kEverything =
+    u"SELECT md5(string_agg(part, ' ' ORDER BY part)) FROM ("
+    "SELECT oid::text || relname AS part FROM pg_class WHERE relnamespace = 'tarn'::regnamespace "
+    "UNION ALL SELECT oid::text || proname || prosrc FROM pg_proc "
+    "WHERE pronamespace = 'tarn'::regnamespace "
+    "UNION ALL SELECT oid::text || conname FROM pg_constraint "
+    "WHERE connamespace = 'tarn'::regnamespace "
+    "UNION ALL SELECT key || value FROM tarn.settings "
+    "UNION ALL SELECT alpha3 || alpha2 FROM tarn.country_codes "
+    "UNION ALL SELECT version || ' ' || applied_at FROM tarn.schema_migrations "
+    "UNION ALL SELECT id || host FROM tarn.sites) parts"_s;
+
+} // namespace
+
+class tst_Schema : public QObject
+{
+    Q_OBJECT
+
+private:
+    static QSqlDatabase session() { return QSqlDatabase::database(u"session"_s); }
+
+    static QString scalar(const QString& statement) { return test::value(session(), statement); }
+    static void run(const QString& statement) { test::run(session(), statement); }
+
+    /// As the collector does: what binds nothing is sent as it stands.
+    static bool execute(QSqlQuery& query, const test::Statement& statement)
+    {
+        if (statement.values.isEmpty())
+            return query.exec(statement.text);
+        query.prepare(statement.text);
+        for (const QVariant& bound : statement.values)
+            query.addBindValue(bound);
+        return query.exec();
+    }
+
+    static void makeRole(const QString& role)
+    {
+        run(u"DO $$ BEGIN CREATE ROLE %1 LOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$"_s.arg(
+            role));
+    }
+
+    /// A session of a role that has what grants.sql gives, on the database of the test.
+    QSqlDatabase grantedSession()
+    {
+        makeRole(u"tarn_collect"_s);
+        const QString errors = m_server.runFile(session().databaseName(), test::schemaFile(u"grants.sql"_s),
+                                                {u"-v"_s, u"collector=tarn_collect"_s});
+        if (!errors.isEmpty())
+            QTest::qFail(qPrintable(errors), __FILE__, __LINE__);
+        return m_server.connect(session().databaseName(), u"other"_s, u"tarn_collect"_s);
+    }
+
+    test::PostgresServer m_server;
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_server.start()); }
+
+    void init()
+    {
+        QTest::failOnWarning(QRegularExpression(u".?"_s));
+        QVERIFY(m_server.connect(m_server.createDatabase(), u"session"_s).isOpen());
+    }
+
+    void cleanup()
+    {
+        QSqlDatabase::removeDatabase(u"other"_s);
+        QSqlDatabase::removeDatabase(u"session"_s);
+    }
+
+    // Loading
+
+    void secondLoadIsRefusedAndChangesNothing_data()
+    {
+        QTest::addColumn<bool>("stopsAtError");
+        QTest::newRow("stop-at-first-error") << true;
+        QTest::newRow("carry-on-after-errors") << false;
+    }
+
+    void secondLoadIsRefusedAndChangesNothing()
+    {
+        QFETCH(const bool, stopsAtError);
+        const QString database = m_server.createEmptyDatabase();
+        QCOMPARE(m_server.runFile(database, test::schemaFile(u"tarn.sql"_s)), QString());
+        QVERIFY(m_server.connect(database, u"session"_s).isOpen());
+        run(u"INSERT INTO tarn.sites (host) VALUES ('example.org')"_s);
+        const QString before = scalar(kEverything);
+
+        const QString stop = u"ON_ERROR_STOP=%1"_s.arg(stopsAtError ? 1 : 0);
+        const QString errors = m_server.runFile(database, test::schemaFile(u"tarn.sql"_s), {u"-v"_s, stop});
+
+        // psql that carries on exits as if all were well; the transaction is rolled back all the same.
+        const QString reason =
+            u"schema tarn already exists in database \"%1\"; nothing was changed"_s.arg(database);
+        QCOMPARE(errors.contains(reason), stopsAtError);
+        QCOMPARE(scalar(kEverything), before);
+    }
+
+    void emptySchemaMadeByAnAdministratorIsFilled()
+    {
+        const QString database = m_server.createEmptyDatabase();
+        QVERIFY(m_server.connect(database, u"session"_s).isOpen());
+        run(u"CREATE SCHEMA tarn"_s);
+        QCOMPARE(m_server.runFile(database, test::schemaFile(u"tarn.sql"_s)), QString());
+        QCOMPARE(scalar(u"SELECT max(version) FROM tarn.schema_migrations"_s), u"11"_s);
+    }
+
+    void otherEncodingIsRefused()
+    {
+        const QString database = m_server.createEmptyDatabase();
+        run(u"DROP DATABASE %1"_s.arg(database));
+        run(u"CREATE DATABASE %1 TEMPLATE template0 ENCODING 'LATIN1' LC_COLLATE 'C' LC_CTYPE 'C'"_s.arg(
+            database));
+
+        const QString errors = m_server.runFile(database, test::schemaFile(u"tarn.sql"_s));
+
+        QVERIFY2(errors.contains(u"has the encoding LATIN1; tarn-collect needs UTF8"_s), qPrintable(errors));
+        QVERIFY(m_server.connect(database, u"session"_s).isOpen());
+        QCOMPARE(scalar(u"SELECT to_regnamespace('tarn') IS NULL"_s), u"true"_s);
+    }
+
+    void versionIsTheOneTheCollectorWants()
+    {
+        QCOMPARE(scalar(u"SELECT string_agg(version::text, ' ') FROM tarn.schema_migrations"_s), u"11"_s);
+    }
+
+    void everyTableSaysWhatItIsFor()
+    {
+        const auto tables = [](const QString& condition) {
+            return scalar(
+                u"SELECT coalesce(string_agg(relname, ' ' ORDER BY relname), '') FROM pg_class "
+                "WHERE relnamespace = 'tarn'::regnamespace AND relkind = 'r' AND %1"_s.arg(condition));
+        };
+        QCOMPARE(
+            tables(u"true"_s),
+            u"accounts alerts country_codes engine_accounts geo_country hits host_samples log_sources "
+            "rollup_due schema_migrations search_days search_properties search_rows settings site_day_values "
+            "site_days sites"_s);
+        QCOMPARE(tables(u"obj_description(oid, 'pg_class') IS NULL"_s), QString());
+    }
+
+    void secretIsNewInEveryDatabase()
+    {
+        const auto secret = u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s;
+        const QString database = m_server.createEmptyDatabase();
+        QCOMPARE(m_server.runFile(database, test::schemaFile(u"tarn.sql"_s)), QString());
+        const QString first = scalar(secret);
+        const QString second = test::value(m_server.connect(database, u"other"_s), secret);
+
+        static const QRegularExpression digits(u"^[0-9a-f]{64}$"_s);
+        QVERIFY2(digits.match(first).hasMatch(), qPrintable(first));
+        QVERIFY2(digits.match(second).hasMatch(), qPrintable(second));
+        QVERIFY(first != second);
+    }
+
+    void countryCodesAreComplete()
+    {
+        QCOMPARE(scalar(u"SELECT count(*) || ' ' || count(DISTINCT alpha2) FROM tarn.country_codes"_s),
+                 u"249 249"_s);
+        // Neither order nor first letters lead from one to the other.
+        QCOMPARE(
+            scalar(u"SELECT string_agg(alpha2, ' ' ORDER BY alpha3) FROM tarn.country_codes WHERE alpha3 IN "
+                   "('abw', 'and', 'che', 'deu', 'esp', 'gbr', 'mac', 'prk', 'ssd', 'ukr', 'zwe')"_s),
+            u"AW AD CH DE ES GB MO KP SS UA ZW"_s);
+    }
+
+    // What the statements of the collector rely on
+
+    void columnOrderFitsInsertsWithoutAColumnList_data()
+    {
+        QTest::addColumn<QString>("insert");
+        QTest::addColumn<QString>("select");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("settings") << u"INSERT INTO tarn.settings VALUES ('geoip_month', '2024-05')"_s
+                                  << u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s
+                                  << u"2024-05"_s;
+        QTest::newRow("search-properties")
+            << u"INSERT INTO tarn.search_properties VALUES (1, 'google', 'sc-domain:example.org')"_s
+            << u"SELECT concat_ws(' ', site_id, engine, property) FROM tarn.search_properties"_s
+            << u"1 google sc-domain:example.org"_s;
+        QTest::newRow("search-days")
+            << u"INSERT INTO tarn.search_days VALUES (1, 'google', '2024-05-05', 7, 70, 3.5)"_s
+            << u"SELECT concat_ws(' ', site_id, engine, day, clicks, impressions, position) FROM tarn.search_days"_s
+            << u"1 google 2024-05-05 7 70 3.5"_s;
+        QTest::newRow("search-rows")
+            << u"INSERT INTO tarn.search_rows VALUES "
+               "(1, 'google', '2024-05-05', 'lake', '/', 'DE', 'mobile', 7, 70, 3.5)"_s
+            << u"SELECT concat_ws(' ', site_id, engine, day, query, page, country, device, clicks, "
+               u"impressions, "
+               "position) FROM tarn.search_rows"_s
+            << u"1 google 2024-05-05 lake / DE mobile 7 70 3.5"_s;
+    }
+
+    void columnOrderFitsInsertsWithoutAColumnList()
+    {
+        QFETCH(const QString, insert);
+        QFETCH(const QString, select);
+        QFETCH(const QString, expected);
+        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
+        run(insert);
+        QCOMPARE(scalar(select), expected);
+    }
+
+    void oneAlertOfAKindAndSubjectIsOpen()
+    {
+        const auto open = [](const QString& kind, const QString& subject) {
+            QSqlQuery query(session());
+            query.exec(u"INSERT INTO tarn.alerts (kind, subject, message) VALUES ('%1', '%2', 'text') "
+                       "ON CONFLICT DO NOTHING"_s.arg(kind, subject));
+            return query.numRowsAffected();
+        };
+        QCOMPARE(open(u"disk"_s, u"/"_s), 1);
+        QCOMPARE(open(u"disk"_s, u"/"_s), 0);
+        QCOMPARE(open(u"disk"_s, u"/var"_s), 1);
+        QCOMPARE(open(u"service"_s, u"/"_s), 1);
+        run(u"UPDATE tarn.alerts SET closed_at = now() WHERE subject = '/'"_s);
+        QCOMPARE(open(u"disk"_s, u"/"_s), 1);
+        QCOMPARE(scalar(u"SELECT count(*) FROM tarn.alerts WHERE kind = 'disk' AND subject = '/' "
+                        "AND opened_at IS NOT NULL"_s),
+                 u"2"_s);
+    }
+
+    void searchFiguresOfOnePathMayComeTwice()
+    {
+        const auto row =
+            u"INSERT INTO tarn.search_rows VALUES (1, 'google', '2024-05-05', 'lake', '/', NULL, "
+            "'mobile', 7, 70, 3.5)"_s;
+        run(row);
+        run(row);
+        const auto day = u"INSERT INTO tarn.search_days VALUES (1, 'google', '2024-05-05', 7, 70, 3.5)"_s;
+        run(day);
+        QCOMPARE(test::errorOf(session(), day), u"23505"_s);
+    }
+
+    void countryIsFoundInOneDescent()
+    {
+        run(u"INSERT INTO tarn.geo_country "
+            "SELECT '0.0.0.0'::inet + n * 1024, '0.0.0.0'::inet + n * 1024 + 1023, 'DE' "
+            "FROM generate_series(0, 199999) n"_s);
+        run(u"ANALYZE tarn.geo_country"_s);
+        const int pages = test::pagesRead(
+            session(), u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country "
+                       "WHERE ip_from <= CAST('7.7.7.7' AS inet) ORDER BY ip_from DESC LIMIT 1) g "
+                       "WHERE ip_to >= CAST('7.7.7.7' AS inet)"_s);
+        // Three levels of the index and the row; hundreds of pages if ranges below were walked.
+        QVERIFY2(pages >= 2 && pages <= 5, qPrintable(QString::number(pages)));
+        QVERIFY(test::pagesOf(session(), u"tarn.geo_country"_s) > 1000);
+    }
+
+    // The collector's role
+
+    void grantsSufficeForEveryStatement()
+    {
+        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
+        run(u"INSERT INTO tarn.log_sources (id, site_id, path) VALUES (1, 1, '/var/log/apache2/access.log')"_s);
+        run(u"INSERT INTO tarn.accounts (username, domain) VALUES ('alice', 'alice.example')"_s);
+        const QSqlDatabase limited = grantedSession();
+        QVERIFY(limited.isOpen());
+
+        QStringList refused;
+        for (const test::Statement& statement : test::kStatements) {
+            QSqlQuery query(limited);
+            if (!execute(query, statement))
+                refused.append(QLatin1StringView(statement.name) + u": "_s + query.lastError().text());
+        }
+
+        QCOMPARE(refused.join(u'\n'), QString());
+        QCOMPARE(scalar(u"SELECT message FROM tarn.alerts WHERE closed_at IS NOT NULL"_s),
+                 u"Memory 95% used"_s);
+        QCOMPARE(scalar(u"SELECT hits FROM tarn.site_days"_s), u"1"_s);
+        QCOMPARE(scalar(u"SELECT string_agg(concat_ws(' ', query, page, country, device, clicks), ', ' "
+                        "ORDER BY clicks) FROM tarn.search_rows"_s),
+                 u"mountain lake / DE mobile 3, 4"_s);
+        QCOMPARE(scalar(u"SELECT read_offset FROM tarn.log_sources"_s), u"8192"_s);
+        QCOMPARE(scalar(u"SELECT disk_used_bytes FROM tarn.accounts"_s), u"1000000"_s);
+    }
+
+    void grantedRoleSeesClientsAndSizesOfOthers()
+    {
+        QSqlDatabase limited = grantedSession();
+        // The tests' own session is another role's.
+        QVERIFY(test::value(limited, u"SELECT count(*) FROM pg_stat_activity "
+                                     "WHERE backend_type = 'client backend' AND usename = 'postgres'"_s)
+                    .toInt()
+                >= 1);
+        const QString name = m_server.createEmptyDatabase();
+        run(u"REVOKE CONNECT ON DATABASE %1 FROM PUBLIC"_s.arg(name));
+        QVERIFY(test::value(limited, u"SELECT pg_database_size('%1')"_s.arg(name)).toLongLong() > 0);
+    }
+
+    void grantsGiveNothingBeyond()
+    {
+        const QSqlDatabase limited = grantedSession();
+        QStringList allowed;
+        for (const QString& statement : {
+                 u"CREATE TABLE tarn.t ()"_s,
+                 u"DROP TABLE tarn.hits"_s,
+                 u"INSERT INTO tarn.sites (host) VALUES ('example.net')"_s,
+                 u"UPDATE tarn.hits SET path = '/'"_s,
+                 u"TRUNCATE tarn.hits"_s,
+                 u"UPDATE tarn.log_sources SET path = '/etc/shadow'"_s,
+                 u"UPDATE tarn.schema_migrations SET version = 12"_s,
+                 u"DELETE FROM tarn.settings"_s,
+                 u"UPDATE tarn.accounts SET disk_limit_mb = 0"_s,
+                 u"DELETE FROM tarn.site_days"_s,
+                 u"DELETE FROM tarn.alerts"_s,
+             }) {
+            if (test::errorOf(limited, statement) != u"42501"_s)
+                allowed.append(statement);
+        }
+        QCOMPARE(allowed, QStringList());
+    }
+
+    void grantsWantARole()
+    {
+        const QString errors = m_server.runFile(session().databaseName(), test::schemaFile(u"grants.sql"_s));
+        QVERIFY2(errors.contains(u"no role was named"_s), qPrintable(errors));
+    }
+
+    void rolesWithoutGrantsHaveNothing()
+    {
+        makeRole(u"stranger"_s);
+        const QSqlDatabase stranger = m_server.connect(session().databaseName(), u"other"_s, u"stranger"_s);
+        QVERIFY(stranger.isOpen());
+        QCOMPARE(test::errorOf(stranger, u"SELECT value FROM tarn.settings"_s), u"42501"_s);
+        run(u"GRANT USAGE ON SCHEMA tarn TO stranger"_s);
+        QCOMPARE(test::errorOf(stranger, u"SELECT value FROM tarn.settings"_s), u"42501"_s);
+        QCOMPARE(test::errorOf(stranger, u"SELECT tarn.day_start('2024-05-05')"_s), u"42501"_s);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Schema)
+#include "tst_Schema.moc"
