@@ -151,7 +151,7 @@ public:
     {
         if (!m_guarded)
             m_guarded = QSqlQuery().exec(u"SAVEPOINT look_up"_s);
-        const auto result = lookUp();
+        auto result = lookUp();
         if (!result && !QSqlQuery().exec(u"ROLLBACK TO SAVEPOINT look_up"_s))
             m_spoilt = true;
         return result;
@@ -163,7 +163,7 @@ public:
             bool prepared = true;
             if (!m_country)
                 prepared = m_country.emplace().prepare(kCountryQuery);
-            const std::optional<QString> found = findCountry(*m_country, ip);
+            std::optional<QString> found = findCountry(*m_country, ip);
             if (!prepared)
                 m_country.reset();
             return found;

@@ -30,7 +30,7 @@ constexpr auto kLogInterval = std::chrono::seconds(2);
 constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
 
 /// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs.
-constexpr qint64 kSliceBytes = 8 * 1024 * 1024;
+constexpr qint64 kSliceBytes = 8'388'608;
 
 /// The session as it is; asking for it in the plain way would open a closed one behind db::ensure()'s back.
 QSqlDatabase session()
