@@ -116,8 +116,8 @@ private Q_SLOTS:
         QVERIFY(waitForAllLines());
         QCOMPARE(value(u"SELECT count(*) FROM tarn.hits"_s).toInt(), m_lines);
         // It listens again, in the same order, and in its own time zone.
+        QTRY_COMPARE(serverLog().count(u"LISTEN "_s), told + 2);
         const QString log = serverLog();
-        QCOMPARE(log.count(u"LISTEN "_s), told + 2);
         QVERIFY(log.lastIndexOf(u"LISTEN \"tarn_sync\""_s) < log.lastIndexOf(u"LISTEN \"tarn_usage\""_s));
         QVERIFY(log.lastIndexOf(u"Asia/Tokyo"_s) < log.lastIndexOf(u"LISTEN \"tarn_sync\""_s));
     }

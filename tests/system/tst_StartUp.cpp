@@ -169,11 +169,13 @@ private Q_SLOTS:
         run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(m_database.databaseName()));
         m_collector->start();
         QVERIFY(waitUntilRunning());
-        QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QString serverLog = QString::fromUtf8(file.readAll());
-        QVERIFY(serverLog.contains(QRegularExpression(u"LISTEN \"?tarn_sync.*LISTEN \"?tarn_usage"_s,
-                                                      QRegularExpression::DotMatchesEverythingOption)));
+        static const QRegularExpression inOrder(u"LISTEN \"?tarn_sync.*LISTEN \"?tarn_usage"_s,
+                                                QRegularExpression::DotMatchesEverythingOption);
+        const auto logged = [this] {
+            QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
+            return file.open(QIODevice::ReadOnly) && QString::fromUtf8(file.readAll()).contains(inOrder);
+        };
+        QTRY_VERIFY(logged());
     }
 
     void notificationsAreTaken()
