@@ -21,10 +21,12 @@ BEGIN
                 current_database(), current_setting('server_encoding')
             USING HINT = 'Make the database with: createdb --encoding=UTF8 --template=template0 NAME';
     END IF;
+    -- Not IF NOT EXISTS: that wants the right to create schemas also from the owner of one that stands ready.
+    IF to_regnamespace('tarn') IS NULL THEN
+        CREATE SCHEMA tarn;
+    END IF;
 END
 $$;
-
-CREATE SCHEMA IF NOT EXISTS tarn;
 COMMENT ON SCHEMA tarn IS 'What tarn-collect knows about this web host: visits, search figures, health, accounts';
 
 

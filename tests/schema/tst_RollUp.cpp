@@ -464,15 +464,24 @@ private Q_SLOTS:
         QVERIFY2(plans.contains(u"rollup_due_pkey"_s) && !plans.contains(u"tarn.hits"_s), qPrintable(plans));
     }
 
+    void valuesAreComparedByHash_data()
+    {
+        QTest::addColumn<QString>("setting");
+        QTest::newRow("no-statistics") << u"SELECT"_s;
+        QTest::newRow("statistics-of-the-hits") << u"ANALYZE tarn.hits"_s;
+        QTest::newRow("statistics") << u"ANALYZE"_s;
+    }
+
     void valuesAreComparedByHash()
     {
-        // Nothing is known of these tables' contents, and 500 values stand already.
+        QFETCH(const QString, setting);
         run(test::kInsertHits
-            + u"SELECT 1, '2024-05-05 12:00+00', 'GET', '/page/' || n, 200, 100, true, NULL, int8send(n), n, "
-              u"'DE', "
-              "'direct', NULL, NULL, NULL, 'desktop', 'Firefox', 'Linux', NULL, NULL, 1000 "
-              "FROM generate_series(1, 500) n"_s);
+            + u"SELECT 1 + n % 2, '2024-05-05 12:00+00', 'GET', '/page/' || n, 200, 100, true, NULL, "
+              u"int8send(n), "
+              "n, 'DE', 'direct', NULL, NULL, NULL, 'desktop', 'Firefox', 'Linux', NULL, NULL, 1000 "
+              "FROM generate_series(1, 5000) n"_s);
         rollUp();
+        run(setting);
         mark();
         const QString plans = plansOf(u"SELECT tarn.rollup_day(1, '2024-05-05')"_s);
         QVERIFY2(plans.count(u"Hash Anti Join"_s) == 2 && !plans.contains(u"Join Filter"_s),
@@ -562,6 +571,19 @@ private Q_SLOTS:
         rollUp();
         QCOMPARE(figure(u"hits"_s), u"1"_s);
         QVERIFY(!values().contains(u"XX"_s));
+    }
+
+    void everyMarkedDayCanBeRolledUpInOneStatement()
+    {
+        store({
+            at(u"2024-05-01 10:00+00"_s), at(u"2024-05-03 10:00+00"_s),
+            Hit{.at = u"2024-05-03 10:00+00"_s, .site = 2}
+        });
+        run(u"SELECT tarn.rollup_day(site_id, day) FROM tarn.rollup_due"_s);
+        QCOMPARE(scalar(u"SELECT string_agg(site_id || ' ' || day, ', ' ORDER BY site_id, day) "
+                        "FROM tarn.site_days"_s),
+                 u"1 2024-05-01, 1 2024-05-03, 2 2024-05-03"_s);
+        QCOMPARE(scalar(kMarked), QString());
     }
 
     // A mark is never taken away by a roll-up that cannot see its hits.

@@ -111,12 +111,14 @@ private Q_SLOTS:
         QCOMPARE(scalar(kEverything), before);
     }
 
-    void emptySchemaMadeByAnAdministratorIsFilled()
+    void emptySchemaIsFilledByItsOwner()
     {
         const QString database = m_server.createEmptyDatabase();
         QVERIFY(m_server.connect(database, u"session"_s).isOpen());
-        run(u"CREATE SCHEMA tarn"_s);
-        QCOMPARE(m_server.runFile(database, test::schemaFile(u"tarn.sql"_s)), QString());
+        makeRole(u"owner"_s);
+        run(u"CREATE SCHEMA tarn AUTHORIZATION owner"_s);
+        QCOMPARE(m_server.runFile(database, test::schemaFile(u"tarn.sql"_s), {u"-U"_s, u"owner"_s}),
+                 QString());
         QCOMPARE(scalar(u"SELECT max(version) FROM tarn.schema_migrations"_s), u"11"_s);
     }
 
