@@ -7,10 +7,21 @@
 \pset pager off
 \pset null ''
 
--- At most so many characters, none of them a control character: paths and referrers are whatever a stranger sent.
+-- At most so many columns of a terminal, without control characters: what a stranger sent is shown here.
 CREATE FUNCTION pg_temp.cut(whole text, most integer) RETURNS text LANGUAGE sql IMMUTABLE
-RETURN (SELECT CASE WHEN length(t) > most THEN left(t, most - 1) || '…' ELSE t END
-        FROM regexp_replace(whole, '[[:cntrl:]\u0080-\u009f\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]', '?', 'g') t);
+RETURN (
+    WITH clean AS (
+        SELECT regexp_replace(left(whole, most + 1),
+                              '[[:cntrl:]\u0080-\u009f\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]', '?', 'g') AS t
+    ), measured AS (
+        SELECT c, place, sum(CASE WHEN c ~ '[\u1100-\u115f\u2e80-\ua4cf\uac00-\ud7a3\uf900-\ufaff\uff00-\uff60\U0001f000-\U0003ffff]'
+                                  THEN 2 ELSE 1 END) OVER (ORDER BY place) AS width
+        FROM clean CROSS JOIN string_to_table(t, NULL) WITH ORDINALITY x (c, place)
+    )
+    SELECT CASE WHEN max(width) <= most THEN string_agg(c, '' ORDER BY place)
+                ELSE string_agg(c, '' ORDER BY place) FILTER (WHERE width < most) || '…' END
+    FROM measured
+);
 CREATE FUNCTION pg_temp.share(part numeric, whole numeric) RETURNS text LANGUAGE sql IMMUTABLE
 RETURN coalesce(to_char(100 * part / nullif(whole, 0), 'FM990') || ' %', '');
 
@@ -95,6 +106,6 @@ SELECT value AS status, hits AS requests, pg_temp.share(hits, sum(hits) OVER ())
 FROM values_shown WHERE dimension = 'status' ORDER BY hits DESC, value LIMIT 12;
 
 \echo Requests that failed: broken links and attacks
-SELECT pg_temp.cut(path, 64) AS path, status, count(*) AS requests
+SELECT coalesce(pg_temp.cut(path, 64), '(none)') AS path, status, count(*) AS requests
 FROM hits_shown WHERE status >= 400 AND NOT is_beacon
 GROUP BY path, status ORDER BY 3 DESC, 2, path LIMIT 15;
