@@ -1,5 +1,5 @@
-// The rules of the classifiers once more, written down one by one in the plainest way, with tables of their own and
-// without expressions. Slow. The product must agree with it on whatever can be sent.
+// The rules of the classifiers once more, written down one by one in the plainest way, with tables of their
+// own and without expressions. Slow. The product must agree with it on whatever can be sent.
 #pragma once
 
 #include "analytics/Classifier.h"
@@ -24,57 +24,57 @@ struct NamedToken
 inline const QList<NamedToken>& bots()
 {
     static const QList<NamedToken> rows = {
-        {u"googlebot"_s, u"Googlebot"_s},
+        {u"googlebot"_s,             u"Googlebot"_s             },
         {u"google-inspectiontool"_s, u"Google Inspection Tool"_s},
-        {u"storebot-google"_s, u"Google StoreBot"_s},
-        {u"googleother"_s, u"GoogleOther"_s},
-        {u"adsbot-google"_s, u"Google AdsBot"_s},
-        {u"google-read-aloud"_s, u"Google Read Aloud"_s},
-        {u"bingbot"_s, u"Bingbot"_s},
-        {u"bingpreview"_s, u"Bing Preview"_s},
-        {u"applebot"_s, u"Applebot"_s},
-        {u"duckduckbot"_s, u"DuckDuckBot"_s},
-        {u"yandex"_s, u"YandexBot"_s},
-        {u"baiduspider"_s, u"Baiduspider"_s},
-        {u"petalbot"_s, u"PetalBot"_s},
-        {u"seznambot"_s, u"SeznamBot"_s},
-        {u"gptbot"_s, u"GPTBot (OpenAI)"_s},
-        {u"oai-searchbot"_s, u"OAI-SearchBot (OpenAI)"_s},
-        {u"chatgpt-user"_s, u"ChatGPT-User"_s},
-        {u"claudebot"_s, u"ClaudeBot"_s},
-        {u"claude-user"_s, u"Claude-User"_s},
-        {u"perplexitybot"_s, u"PerplexityBot"_s},
-        {u"ccbot"_s, u"CCBot (Common Crawl)"_s},
-        {u"bytespider"_s, u"Bytespider (ByteDance)"_s},
-        {u"amazonbot"_s, u"Amazonbot"_s},
-        {u"meta-externalagent"_s, u"Meta crawler"_s},
-        {u"facebookexternalhit"_s, u"Facebook link preview"_s},
-        {u"ahrefsbot"_s, u"AhrefsBot"_s},
-        {u"semrushbot"_s, u"SemrushBot"_s},
-        {u"mj12bot"_s, u"MJ12bot"_s},
-        {u"dotbot"_s, u"DotBot"_s},
-        {u"dataforseobot"_s, u"DataForSeoBot"_s},
-        {u"barkrowler"_s, u"Barkrowler"_s},
-        {u"blexbot"_s, u"BLEXBot"_s},
-        {u"twitterbot"_s, u"Twitterbot"_s},
-        {u"linkedinbot"_s, u"LinkedInBot"_s},
-        {u"slackbot"_s, u"Slackbot"_s},
-        {u"discordbot"_s, u"Discordbot"_s},
-        {u"whatsapp"_s, u"WhatsApp preview"_s},
-        {u"telegrambot"_s, u"TelegramBot"_s},
-        {u"uptimerobot"_s, u"UptimeRobot"_s},
-        {u"pingdom"_s, u"Pingdom"_s},
-        {u"wordpress"_s, u"WordPress"_s},
-        {u"curl/"_s, u"curl"_s},
-        {u"wget/"_s, u"Wget"_s},
-        {u"python-requests"_s, u"Python"_s},
-        {u"python-urllib"_s, u"Python"_s},
-        {u"aiohttp"_s, u"Python"_s},
-        {u"go-http-client"_s, u"Go client"_s},
-        {u"okhttp"_s, u"OkHttp"_s},
-        {u"java/"_s, u"Java client"_s},
-        {u"libwww-perl"_s, u"Perl"_s},
-        {u"headlesschrome"_s, u"Headless Chrome"_s},
+        {u"storebot-google"_s,       u"Google StoreBot"_s       },
+        {u"googleother"_s,           u"GoogleOther"_s           },
+        {u"adsbot-google"_s,         u"Google AdsBot"_s         },
+        {u"google-read-aloud"_s,     u"Google Read Aloud"_s     },
+        {u"bingbot"_s,               u"Bingbot"_s               },
+        {u"bingpreview"_s,           u"Bing Preview"_s          },
+        {u"applebot"_s,              u"Applebot"_s              },
+        {u"duckduckbot"_s,           u"DuckDuckBot"_s           },
+        {u"yandex"_s,                u"YandexBot"_s             },
+        {u"baiduspider"_s,           u"Baiduspider"_s           },
+        {u"petalbot"_s,              u"PetalBot"_s              },
+        {u"seznambot"_s,             u"SeznamBot"_s             },
+        {u"gptbot"_s,                u"GPTBot (OpenAI)"_s       },
+        {u"oai-searchbot"_s,         u"OAI-SearchBot (OpenAI)"_s},
+        {u"chatgpt-user"_s,          u"ChatGPT-User"_s          },
+        {u"claudebot"_s,             u"ClaudeBot"_s             },
+        {u"claude-user"_s,           u"Claude-User"_s           },
+        {u"perplexitybot"_s,         u"PerplexityBot"_s         },
+        {u"ccbot"_s,                 u"CCBot (Common Crawl)"_s  },
+        {u"bytespider"_s,            u"Bytespider (ByteDance)"_s},
+        {u"amazonbot"_s,             u"Amazonbot"_s             },
+        {u"meta-externalagent"_s,    u"Meta crawler"_s          },
+        {u"facebookexternalhit"_s,   u"Facebook link preview"_s },
+        {u"ahrefsbot"_s,             u"AhrefsBot"_s             },
+        {u"semrushbot"_s,            u"SemrushBot"_s            },
+        {u"mj12bot"_s,               u"MJ12bot"_s               },
+        {u"dotbot"_s,                u"DotBot"_s                },
+        {u"dataforseobot"_s,         u"DataForSeoBot"_s         },
+        {u"barkrowler"_s,            u"Barkrowler"_s            },
+        {u"blexbot"_s,               u"BLEXBot"_s               },
+        {u"twitterbot"_s,            u"Twitterbot"_s            },
+        {u"linkedinbot"_s,           u"LinkedInBot"_s           },
+        {u"slackbot"_s,              u"Slackbot"_s              },
+        {u"discordbot"_s,            u"Discordbot"_s            },
+        {u"whatsapp"_s,              u"WhatsApp preview"_s      },
+        {u"telegrambot"_s,           u"TelegramBot"_s           },
+        {u"uptimerobot"_s,           u"UptimeRobot"_s           },
+        {u"pingdom"_s,               u"Pingdom"_s               },
+        {u"wordpress"_s,             u"WordPress"_s             },
+        {u"curl/"_s,                 u"curl"_s                  },
+        {u"wget/"_s,                 u"Wget"_s                  },
+        {u"python-requests"_s,       u"Python"_s                },
+        {u"python-urllib"_s,         u"Python"_s                },
+        {u"aiohttp"_s,               u"Python"_s                },
+        {u"go-http-client"_s,        u"Go client"_s             },
+        {u"okhttp"_s,                u"OkHttp"_s                },
+        {u"java/"_s,                 u"Java client"_s           },
+        {u"libwww-perl"_s,           u"Perl"_s                  },
+        {u"headlesschrome"_s,        u"Headless Chrome"_s       },
     };
     return rows;
 }
@@ -90,55 +90,57 @@ struct Service
 inline const QList<Service>& services()
 {
     static const QList<Service> rows = {
-        {u"gemini.google.com"_s, u"ai"_s, u"Gemini"_s, {}},
-        {u"mail.google.com"_s, u"email"_s, u"Gmail"_s, {}},
-        {u"chatgpt.com"_s, u"ai"_s, u"ChatGPT"_s, {}},
-        {u"chat.openai.com"_s, u"ai"_s, u"ChatGPT"_s, {}},
-        {u"perplexity.ai"_s, u"ai"_s, u"Perplexity"_s, {}},
-        {u"claude.ai"_s, u"ai"_s, u"Claude"_s, {}},
-        {u"copilot.microsoft.com"_s, u"ai"_s, u"Copilot"_s, {}},
-        {u"bing.com"_s, u"search"_s, u"Bing"_s, u"q"_s},
-        {u"duckduckgo.com"_s, u"search"_s, u"DuckDuckGo"_s, u"q"_s},
-        {u"search.yahoo.com"_s, u"search"_s, u"Yahoo"_s, u"p"_s},
-        {u"search.brave.com"_s, u"search"_s, u"Brave"_s, u"q"_s},
-        {u"ecosia.org"_s, u"search"_s, u"Ecosia"_s, u"q"_s},
-        {u"startpage.com"_s, u"search"_s, u"Startpage"_s, u"query"_s},
-        {u"qwant.com"_s, u"search"_s, u"Qwant"_s, u"q"_s},
-        {u"baidu.com"_s, u"search"_s, u"Baidu"_s, u"wd"_s},
-        {u"naver.com"_s, u"search"_s, u"Naver"_s, u"query"_s},
-        {u"seznam.cz"_s, u"search"_s, u"Seznam"_s, u"q"_s},
-        {u"ask.com"_s, u"search"_s, u"Ask"_s, u"q"_s},
-        {u"search.aol.com"_s, u"search"_s, u"AOL"_s, u"q"_s},
-        {u"facebook.com"_s, u"social"_s, u"Facebook"_s, {}},
-        {u"fb.com"_s, u"social"_s, u"Facebook"_s, {}},
-        {u"instagram.com"_s, u"social"_s, u"Instagram"_s, {}},
-        {u"t.co"_s, u"social"_s, u"X (Twitter)"_s, {}},
-        {u"twitter.com"_s, u"social"_s, u"X (Twitter)"_s, {}},
-        {u"x.com"_s, u"social"_s, u"X (Twitter)"_s, {}},
-        {u"linkedin.com"_s, u"social"_s, u"LinkedIn"_s, {}},
-        {u"lnkd.in"_s, u"social"_s, u"LinkedIn"_s, {}},
-        {u"reddit.com"_s, u"social"_s, u"Reddit"_s, {}},
-        {u"pinterest.com"_s, u"social"_s, u"Pinterest"_s, {}},
-        {u"youtube.com"_s, u"social"_s, u"YouTube"_s, {}},
-        {u"tiktok.com"_s, u"social"_s, u"TikTok"_s, {}},
-        {u"threads.com"_s, u"social"_s, u"Threads"_s, {}},
-        {u"bsky.app"_s, u"social"_s, u"Bluesky"_s, {}},
-        {u"outlook.live.com"_s, u"email"_s, u"Outlook"_s, {}},
-        {u"mail.yahoo.com"_s, u"email"_s, u"Yahoo Mail"_s, {}},
+        {u"gemini.google.com"_s,     u"ai"_s,     u"Gemini"_s,      {}        },
+        {u"mail.google.com"_s,       u"email"_s,  u"Gmail"_s,       {}        },
+        {u"chatgpt.com"_s,           u"ai"_s,     u"ChatGPT"_s,     {}        },
+        {u"chat.openai.com"_s,       u"ai"_s,     u"ChatGPT"_s,     {}        },
+        {u"perplexity.ai"_s,         u"ai"_s,     u"Perplexity"_s,  {}        },
+        {u"claude.ai"_s,             u"ai"_s,     u"Claude"_s,      {}        },
+        {u"copilot.microsoft.com"_s, u"ai"_s,     u"Copilot"_s,     {}        },
+        {u"bing.com"_s,              u"search"_s, u"Bing"_s,        u"q"_s    },
+        {u"duckduckgo.com"_s,        u"search"_s, u"DuckDuckGo"_s,  u"q"_s    },
+        {u"search.yahoo.com"_s,      u"search"_s, u"Yahoo"_s,       u"p"_s    },
+        {u"search.brave.com"_s,      u"search"_s, u"Brave"_s,       u"q"_s    },
+        {u"ecosia.org"_s,            u"search"_s, u"Ecosia"_s,      u"q"_s    },
+        {u"startpage.com"_s,         u"search"_s, u"Startpage"_s,   u"query"_s},
+        {u"qwant.com"_s,             u"search"_s, u"Qwant"_s,       u"q"_s    },
+        {u"baidu.com"_s,             u"search"_s, u"Baidu"_s,       u"wd"_s   },
+        {u"naver.com"_s,             u"search"_s, u"Naver"_s,       u"query"_s},
+        {u"seznam.cz"_s,             u"search"_s, u"Seznam"_s,      u"q"_s    },
+        {u"ask.com"_s,               u"search"_s, u"Ask"_s,         u"q"_s    },
+        {u"search.aol.com"_s,        u"search"_s, u"AOL"_s,         u"q"_s    },
+        {u"facebook.com"_s,          u"social"_s, u"Facebook"_s,    {}        },
+        {u"fb.com"_s,                u"social"_s, u"Facebook"_s,    {}        },
+        {u"instagram.com"_s,         u"social"_s, u"Instagram"_s,   {}        },
+        {u"t.co"_s,                  u"social"_s, u"X (Twitter)"_s, {}        },
+        {u"twitter.com"_s,           u"social"_s, u"X (Twitter)"_s, {}        },
+        {u"x.com"_s,                 u"social"_s, u"X (Twitter)"_s, {}        },
+        {u"linkedin.com"_s,          u"social"_s, u"LinkedIn"_s,    {}        },
+        {u"lnkd.in"_s,               u"social"_s, u"LinkedIn"_s,    {}        },
+        {u"reddit.com"_s,            u"social"_s, u"Reddit"_s,      {}        },
+        {u"pinterest.com"_s,         u"social"_s, u"Pinterest"_s,   {}        },
+        {u"youtube.com"_s,           u"social"_s, u"YouTube"_s,     {}        },
+        {u"tiktok.com"_s,            u"social"_s, u"TikTok"_s,      {}        },
+        {u"threads.com"_s,           u"social"_s, u"Threads"_s,     {}        },
+        {u"bsky.app"_s,              u"social"_s, u"Bluesky"_s,     {}        },
+        {u"outlook.live.com"_s,      u"email"_s,  u"Outlook"_s,     {}        },
+        {u"mail.yahoo.com"_s,        u"email"_s,  u"Yahoo Mail"_s,  {}        },
     };
     return rows;
 }
 
-/// Lower case as a caseless expression sees it: besides the capitals, the long s and the Kelvin sign are ASCII letters.
+/// Lower case as a caseless expression sees it: besides the capitals, the long s and the Kelvin sign are
+/// ASCII letters.
 inline QString foldedForExpression(QString text)
 {
     for (QChar& c : text) {
-        if (c >= u'A' && c <= u'Z')
+        if (c >= u'A' && c <= u'Z') {
             c = QChar(c.unicode() + ('a' - 'A'));
-        else if (c == QChar(0x17f))
+        } else if (c == QChar(0x17f)) {
             c = u's';
-        else if (c == QChar(0x212a))
+        } else if (c == QChar(0x212a)) {
             c = u'k';
+        }
     }
     return text;
 }
@@ -172,10 +174,12 @@ inline Client classifyClient(QByteArrayView userAgent)
 {
     const QString agent = QString::fromUtf8(userAgent);
     Client client;
-    if (agent.isEmpty())
+    if (agent.isEmpty()) {
         client.bot = u"No user agent"_s;
-    else
-        client.bot = firstNamed(agent.toLower(), bots(), hasTellingWord(agent) ? u"Other crawler"_s : QString());
+    } else {
+        const QString otherwise = hasTellingWord(agent) ? u"Other crawler"_s : QString();
+        client.bot = firstNamed(agent.toLower(), bots(), otherwise);
+    }
 
     client.device = u"desktop"_s;
     if (agent.contains(u"Mobi"_s) || agent.contains(u"iPhone"_s))
@@ -185,30 +189,33 @@ inline Client classifyClient(QByteArrayView userAgent)
     if (agent.contains(u"iPad"_s) || agent.contains(u"Tablet"_s))
         client.device = u"tablet"_s;
 
+    static const QList<NamedToken> browsers = {
+        {u"Edg/"_s,           u"Edge"_s            },
+        {u"EdgA/"_s,          u"Edge"_s            },
+        {u"EdgiOS/"_s,        u"Edge"_s            },
+        {u"OPR/"_s,           u"Opera"_s           },
+        {u"Opera"_s,          u"Opera"_s           },
+        {u"SamsungBrowser"_s, u"Samsung Internet"_s},
+        {u"Firefox/"_s,       u"Firefox"_s         },
+        {u"FxiOS/"_s,         u"Firefox"_s         },
+        {u"Chrome/"_s,        u"Chrome"_s          },
+        {u"CriOS/"_s,         u"Chrome"_s          },
+    };
     const bool isSafari = agent.contains(u"Safari/"_s) && agent.contains(u"Version/"_s);
-    client.browser = firstNamed(agent,
-                                {{u"Edg/"_s, u"Edge"_s},
-                                 {u"EdgA/"_s, u"Edge"_s},
-                                 {u"EdgiOS/"_s, u"Edge"_s},
-                                 {u"OPR/"_s, u"Opera"_s},
-                                 {u"Opera"_s, u"Opera"_s},
-                                 {u"SamsungBrowser"_s, u"Samsung Internet"_s},
-                                 {u"Firefox/"_s, u"Firefox"_s},
-                                 {u"FxiOS/"_s, u"Firefox"_s},
-                                 {u"Chrome/"_s, u"Chrome"_s},
-                                 {u"CriOS/"_s, u"Chrome"_s}},
-                                isSafari ? u"Safari"_s : u"Other"_s);
-    client.os = firstNamed(agent,
-                           {{u"Windows"_s, u"Windows"_s},
-                            {u"iPhone"_s, u"iOS"_s},
-                            {u"iPad"_s, u"iOS"_s},
-                            {u"iPod"_s, u"iOS"_s},
-                            {u"Mac OS X"_s, u"macOS"_s},
-                            {u"Macintosh"_s, u"macOS"_s},
-                            {u"Android"_s, u"Android"_s},
-                            {u"CrOS"_s, u"ChromeOS"_s},
-                            {u"Linux"_s, u"Linux"_s}},
-                           u"Other"_s);
+    client.browser = firstNamed(agent, browsers, isSafari ? u"Safari"_s : u"Other"_s);
+
+    static const QList<NamedToken> systems = {
+        {u"Windows"_s,   u"Windows"_s },
+        {u"iPhone"_s,    u"iOS"_s     },
+        {u"iPad"_s,      u"iOS"_s     },
+        {u"iPod"_s,      u"iOS"_s     },
+        {u"Mac OS X"_s,  u"macOS"_s   },
+        {u"Macintosh"_s, u"macOS"_s   },
+        {u"Android"_s,   u"Android"_s },
+        {u"CrOS"_s,      u"ChromeOS"_s},
+        {u"Linux"_s,     u"Linux"_s   },
+    };
+    client.os = firstNamed(agent, systems, u"Other"_s);
     return client;
 }
 
@@ -293,10 +300,9 @@ inline bool isPage(const QByteArray& method, const QString& path)
 {
     if (!QList<QByteArray>{"GET", "HEAD"}.contains(method))
         return false;
-    const QStringList never
-        = {u"/wp-admin/"_s, u"/wp-content/"_s, u"/wp-includes/"_s, u"/wp-json/"_s, u"/wp-login.php"_s,
-           u"/xmlrpc.php"_s, u"/wp-cron.php"_s, u"/static/"_s,      u"/api/"_s,     u"/feed"_s,
-           u"/.well-known/"_s, u"/cgi-bin/"_s};
+    const QStringList never = {u"/wp-admin/"_s,    u"/wp-content/"_s, u"/wp-includes/"_s, u"/wp-json/"_s,
+                               u"/wp-login.php"_s, u"/xmlrpc.php"_s,  u"/wp-cron.php"_s,  u"/static/"_s,
+                               u"/api/"_s,         u"/feed"_s,        u"/.well-known/"_s, u"/cgi-bin/"_s};
     for (const QString& prefix : never) {
         if (path.left(prefix.size()) == prefix)
             return false;

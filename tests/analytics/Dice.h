@@ -1,5 +1,5 @@
-// Random numbers for the tests, the same in each run and on every machine, which the distributions of the standard
-// library are not.
+// Random numbers for the tests, the same in each run and on every machine, which the distributions of the
+// standard library are not.
 #pragma once
 
 #include <QByteArray>
@@ -12,7 +12,10 @@ namespace tarn::tests {
 class Dice
 {
 public:
-    explicit Dice(quint32 seed) : m_engine(seed) {}
+    explicit Dice(quint32 seed)
+        : m_engine(seed)
+    {
+    }
 
     /// From 0 up to, not including, @p limit.
     int below(qsizetype limit) { return static_cast<int>(m_engine() % static_cast<quint64>(limit)); }

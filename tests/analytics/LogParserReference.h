@@ -1,6 +1,7 @@
-// The combined format once more, slow and from its description: each step cuts what it has read off the front of
-// the line, and the calendar is the standard library's. It shares no technique with the product, so that the two
-// agree on a line only if both are right about it. No limits on time or memory: lines of tests are short.
+// The combined format once more, slow and from its description: each step cuts what it has read off the front
+// of the line, and the calendar is the standard library's. It shares no technique with the product, so that
+// the two agree on a line only if both are right about it. No limits on time or memory: lines of tests are
+// short.
 #pragma once
 
 #include "analytics/LogParser.h"
@@ -17,8 +18,8 @@
 
 namespace tarn::analytics::reference {
 
-/// A whole number as Qt's conversions take it: white space around it and a sign are allowed, and a NUL byte ends
-/// the text, whatever follows.
+/// A whole number as Qt's conversions take it: white space around it and a sign are allowed, and a NUL byte
+/// ends the text, whatever follows.
 inline std::optional<qint64> integer(QByteArray text)
 {
     if (text.contains('\0'))
@@ -107,7 +108,8 @@ inline std::optional<qint64> seconds(const QByteArray& stamp)
     if (!date.ok() || !inDay)
         return std::nullopt;
     const qint64 offset = (stamp[21] == '-' ? -1 : 1) * (part(22, 2) * 60 + part(24, 2)) * 60;
-    if (offset < -16 * 3600 || offset > 16 * 3600)
+    constexpr qint64 sixteenHours = 57'600;
+    if (offset < -sixteenHours || offset > sixteenHours)
         return std::nullopt;
     return sys_days(date).time_since_epoch().count() * 86400LL + hour * 3600 + minute * 60 + second - offset;
 }
@@ -132,7 +134,8 @@ inline std::optional<LogLine> parseCombined(QByteArray rest)
     result.target = words.value(1);
 
     const std::optional<qint64> status = integer(cutToken(rest));
-    if (!status || *status < std::numeric_limits<qint32>::min() || *status > std::numeric_limits<qint32>::max())
+    if (!status || *status < std::numeric_limits<qint32>::min()
+        || *status > std::numeric_limits<qint32>::max())
         return std::nullopt;
     result.status = static_cast<qint32>(*status);
     result.bytes = integer(cutToken(rest)).value_or(0);

@@ -1,6 +1,6 @@
-// Reads the folders of real strings with their verdicts: tests/data/useragents and tests/data/referrers, whose first
-// files tell the format. All that is wrong with the files is reported, so that a typing error does not pass as a
-// verdict.
+// Reads the folders of real strings with their verdicts: tests/data/useragents and tests/data/referrers,
+// whose first files tell the format. All that is wrong with the files is reported, so that a typing error
+// does not pass as a verdict.
 #pragma once
 
 #include <QByteArray>
@@ -48,8 +48,8 @@ inline QByteArray unescaped(const QString& text)
     return result;
 }
 
-/// The lines of all files in @p folder. A heading has @p columns columns; a line may go on with " | name=value" for
-/// each of @p optionNames, and is one text with all that stands in it when there are none.
+/// The lines of all files in @p folder. A heading has @p columns columns. Options named in @p optionNames may
+/// follow the text of a line; when there are none to name, the line is one text with all that stands in it.
 inline Verdicts readVerdicts(const QString& folder, qsizetype columns, const QStringList& optionNames = {})
 {
     using namespace Qt::Literals::StringLiterals;

@@ -273,9 +273,10 @@ private Q_SLOTS:
         QCOMPARE(result.skipped, 0);
         QCOMPARE(result.stored, seconds.isEmpty() ? 0 : 1);
         QCOMPARE(result.days.size(), seconds.isEmpty() ? 0 : 1);
-        if (!seconds.isEmpty())
+        if (!seconds.isEmpty()) {
             QCOMPARE(onlyHit(u"method, path, status, is_page, engaged_secs"_s),
                      QStringList({u"BEACON"_s, u"/about"_s, u"204"_s, u"false"_s, seconds}));
+        }
     }
 
     void beaconsPageIsCut()

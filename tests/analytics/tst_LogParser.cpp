@@ -3,10 +3,10 @@
 #include "analytics/Dice.h"
 #include "analytics/LogParserReference.h"
 
-#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QTest>
 
+#include <algorithm>
 #include <ctime>
 #include <limits>
 #include <vector>
@@ -18,7 +18,7 @@ using tarn::tests::Dice;
 namespace {
 
 constexpr qint64 kMost = std::numeric_limits<qint64>::max();
-constexpr qsizetype kMegabyte = 1024 * 1024;
+constexpr qsizetype kMegabyte = 1'048'576;
 constexpr int kRoundTrips = 5000;
 constexpr int kMutations = 20000;
 
@@ -37,13 +37,14 @@ struct Written
 
     QByteArray line() const
     {
-        QByteArray text = ip + ' ' + identAndUser + ' ' + time + ' ' + request + ' ' + status + ' ' + bytes + ' '
-            + referrer + ' ' + userAgent;
+        QByteArray text = ip + ' ' + identAndUser + ' ' + time + ' ' + request + ' ' + status + ' ' + bytes
+                          + ' ' + referrer + ' ' + userAgent;
         return extra.isEmpty() ? text : text + ' ' + extra;
     }
 };
 
-/// The parser is given the line in a block of exactly its size, so that the address sanitizer sees a read past it.
+/// The parser is given the line in a block of exactly its size, so that the address sanitizer sees a read
+/// past it.
 std::optional<LogLine> parse(const QByteArray& line)
 {
     const std::vector<char> exact(line.begin(), line.end());
@@ -84,9 +85,12 @@ LogLine randomLogLine(Dice& dice)
     const QByteArrayView anyText = "abcXYZ0189 -_/?&=%.,;:+()[]{}<>'\"\\\"\\\t\x80\xa9\xc3\xff";
     const QByteArrayView pathText = "abcXYZ0189-_/?&=%.+[]\"\\\x80\xc3\xff";
     LogLine log;
-    log.ip = QString::fromLatin1(dice.oneOf<QByteArray>({"192.0.2.7", "2001:db8::1", "host.example.com", "-", "\xe9t\xe9"}));
+    log.ip = QString::fromLatin1(
+        dice.oneOf<QByteArray>({"192.0.2.7", "2001:db8::1", "host.example.com", "-", "\xe9t\xe9"}));
     // Two centuries of seconds from 1950 on.
-    log.at = QDateTime(QDate(1950, 1, 1), QTime(0, 0), Qt::UTC).addDays(dice.below(73049)).addSecs(dice.below(86400));
+    log.at = QDateTime(QDate(1950, 1, 1), QTime(0, 0), Qt::UTC)
+                 .addDays(dice.below(73049))
+                 .addSecs(dice.below(86400));
     log.method = dice.oneOf<QByteArray>({"GET", "POST", "HEAD", "-", "\x16\x03\x01"});
     log.target = dice.oneIn(8) ? QByteArray() : '/' + dice.text(pathText, 60);
     log.status = 100 + dice.below(500);
@@ -106,23 +110,25 @@ LogLine randomLogLine(Dice& dice)
 QByteArray written(const LogLine& log, Dice& dice)
 {
     const int offsetMinutes = (dice.below(65) - 32) * 30;
-    const QDateTime local = log.at.addSecs(offsetMinutes * 60);
+    const QDateTime local = log.at.addSecs(offsetMinutes * 60LL);
     Written parts;
     parts.ip = log.ip.toLatin1();
     parts.identAndUser = dice.oneOf<QByteArray>({"- -", "- frank", "ident [user]", "  -   -  "});
-    parts.time = QLocale::c().toString(local, u"[dd/MMM/yyyy:HH:mm:ss "_s).toLatin1()
-        + (offsetMinutes < 0 ? '-' : '+')
-        + QByteArray::number(qAbs(offsetMinutes) / 60 * 100 + qAbs(offsetMinutes) % 60).rightJustified(4, '0') + ']';
+    parts.time =
+        QLocale::c().toString(local, u"[dd/MMM/yyyy:HH:mm:ss "_s).toLatin1() + (offsetMinutes < 0 ? '-' : '+')
+        + QByteArray::number(qAbs(offsetMinutes) / 60 * 100 + qAbs(offsetMinutes) % 60).rightJustified(4, '0')
+        + ']';
     parts.request = escaped(log.target.isEmpty() ? log.method : log.method + ' ' + log.target + " HTTP/1.1");
     parts.status = QByteArray::number(log.status);
     parts.bytes = log.bytes == 0 ? QByteArray("-") : QByteArray::number(log.bytes);
     parts.referrer = escaped(log.referrer.isEmpty() ? "-" : log.referrer);
     parts.userAgent = escaped(log.userAgent.isEmpty() ? "-" : log.userAgent);
     const bool otherFields = dice.oneIn(2);
-    if (log.responseUs > 0)
+    if (log.responseUs > 0) {
         parts.extra = (otherFields ? "www.example.org 0 " : "") + QByteArray::number(log.responseUs);
-    else
+    } else {
         parts.extra = otherFields ? "17 \"quoted 5\"" : "";
+    }
     return parts.line();
 }
 
@@ -133,13 +139,140 @@ QByteArray damaged(QByteArray line, Dice& dice)
     const char c = dice.oneIn(4) ? static_cast<char>(dice.below(256)) : telling[dice.below(telling.size())];
     const qsizetype at = line.isEmpty() ? 0 : dice.below(line.size());
     switch (dice.below(6)) {
-    case 0: return line.insert(at, c);
-    case 1: return line.remove(at, 1);
-    case 2: return line.remove(at, dice.below(12));
-    case 3: return line.insert(at, line.mid(dice.below(line.size() + 1), dice.below(40)));
-    case 4: return dice.oneIn(3) ? line.left(at) : line;
-    default: return line.isEmpty() ? line : line.replace(at, 1, QByteArray(1, c));
+    case 0:
+        return line.insert(at, c);
+    case 1:
+        return line.remove(at, 1);
+    case 2:
+        return line.remove(at, dice.below(12));
+    case 3:
+        return line.insert(at, line.mid(dice.below(line.size() + 1), dice.below(40)));
+    case 4:
+        return dice.oneIn(3) ? line.left(at) : line;
+    default:
+        return line.isEmpty() ? line : line.replace(at, 1, QByteArray(1, c));
     }
+}
+
+/// A row of the test of times: read as @p at, without the zone.
+void timeAccepted(const QByteArray& name, const QByteArray& text, const QString& at)
+{
+    QTest::newRow(name.constData()) << text << at + u" UTC"_s;
+}
+
+void timeRejected(const char* name, const QByteArray& text)
+{
+    QTest::newRow(name) << text << QString();
+}
+
+void addZoneRows()
+{
+    timeAccepted("utc", "10/Oct/2024:13:55:36 +0000", u"2024-10-10 13:55:36"_s);
+    timeAccepted("utc-with-minus", "10/Oct/2024:13:55:36 -0000", u"2024-10-10 13:55:36"_s);
+    timeAccepted("east-is-earlier-in-utc", "10/Oct/2024:13:55:36 +0200", u"2024-10-10 11:55:36"_s);
+    timeAccepted("west-is-later-in-utc", "10/Oct/2024:13:55:36 -0700", u"2024-10-10 20:55:36"_s);
+    timeAccepted("offset-half-hour", "10/Oct/2024:13:55:36 +0530", u"2024-10-10 08:25:36"_s);
+    timeAccepted("offset-quarter-hour-west", "10/Oct/2024:13:55:36 -0345", u"2024-10-10 17:40:36"_s);
+    timeAccepted("offset-14-hours", "10/Oct/2024:13:55:36 +1400", u"2024-10-09 23:55:36"_s);
+    timeAccepted("offset-past-14-hours", "10/Oct/2024:13:55:36 +1401", u"2024-10-09 23:54:36"_s);
+    timeAccepted("offset-15-hours", "10/Oct/2024:13:55:36 +1500", u"2024-10-09 22:55:36"_s);
+    timeAccepted("offset-15-hours-west", "10/Oct/2024:13:55:36 -1500", u"2024-10-11 04:55:36"_s);
+    timeAccepted("offset-16-hours", "10/Oct/2024:13:55:36 +1600", u"2024-10-09 21:55:36"_s);
+    timeAccepted("offset-16-hours-west", "10/Oct/2024:13:55:36 -1600", u"2024-10-11 05:55:36"_s);
+    timeAccepted("offset-16-hours-as-minutes", "10/Oct/2024:13:55:36 +1560", u"2024-10-09 21:55:36"_s);
+    timeAccepted("offset-16-hours-west-as-minutes", "10/Oct/2024:13:55:36 -1560", u"2024-10-11 05:55:36"_s);
+    timeAccepted("offset-minutes-over-59", "10/Oct/2024:13:55:36 +0099", u"2024-10-10 12:16:36"_s);
+    timeRejected("offset-16-hours-and-a-minute", "10/Oct/2024:13:55:36 +1601");
+    timeRejected("offset-16-hours-and-a-minute-west", "10/Oct/2024:13:55:36 -1601");
+    timeRejected("offset-past-16-hours-as-minutes", "10/Oct/2024:13:55:36 +1561");
+    timeRejected("offset-past-16-hours-west-as-minutes", "10/Oct/2024:13:55:36 -1561");
+    timeRejected("offset-17-hours", "10/Oct/2024:13:55:36 +1700");
+    timeRejected("offset-17-hours-west", "10/Oct/2024:13:55:36 -1700");
+    timeRejected("offset-99-hours", "10/Oct/2024:13:55:36 +9999");
+    timeAccepted("offset-is-no-number", "10/Oct/2024:13:55:36 +zzzz", u"2024-10-10 13:55:36"_s);
+    timeAccepted("offset-half-a-number", "10/Oct/2024:13:55:36 +01zz", u"2024-10-10 12:55:36"_s);
+    timeAccepted("offset-with-colon", "10/Oct/2024:13:55:36 +02:30", u"2024-10-10 11:55:36"_s);
+    timeAccepted("offset-without-sign-is-east", "10/Oct/2024:13:55:36  0200", u"2024-10-10 11:55:36"_s);
+    timeAccepted("offset-signed-twice", "10/Oct/2024:13:55:36 --100", u"2024-10-10 12:55:36"_s);
+}
+
+void addPositionRows()
+{
+    timeAccepted("separators-are-not-looked-at", "10xOct?2024_13.55~36\xff+0200", u"2024-10-10 11:55:36"_s);
+    timeAccepted("separators-are-digits", "109Oct92024913955936900200", u"2024-10-10 11:55:36"_s);
+    timeAccepted("separators-are-nul", bytes("10\0Oct\0002024\00013\00055\00036\0+0200"),
+                 u"2024-10-10 11:55:36"_s);
+    timeAccepted("text-behind-the-zone", "10/Oct/2024:13:55:36 +0200 and more", u"2024-10-10 11:55:36"_s);
+    timeAccepted("digits-behind-the-zone", "10/Oct/2024:13:55:36 +020099", u"2024-10-10 11:55:36"_s);
+    timeAccepted("opening-bracket-within", "10/Oct/2024[13:55:36 +0200", u"2024-10-10 11:55:36"_s);
+    timeRejected("no-zone", "10/Oct/2024:13:55:36");
+    timeRejected("one-character-short", "10/Oct/2024:13:55:36 +020");
+    timeRejected("empty", "");
+    timeRejected("space-first", " 10/Oct/2024:13:55:36 +0200");
+    timeRejected("milliseconds", "10/Oct/2024:13:55:36.123 +0200"); // "23" hours and " +" minutes of zone
+    timeRejected("iso", "2024-10-10T13:55:36.000000+02:00");
+    timeRejected("bracket-cuts-it-short", "10/Oct/2024:13:55:36] +0200");
+}
+
+void addMonthRows()
+{
+    timeRejected("month-lower-case", "10/oct/2024:13:55:36 +0200");
+    timeRejected("month-upper-case", "10/OCT/2024:13:55:36 +0200");
+    timeRejected("month-unknown", "10/Okt/2024:13:55:36 +0200");
+    timeRejected("month-number", "10/010/2024:13:55:36 +0200");
+    timeRejected("month-empty", "10/   /2024:13:55:36 +0200");
+    const QList<QByteArray> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    for (int month = 1; month <= 12; ++month) {
+        timeAccepted("month-" + months[month - 1].toLower(),
+                     "28/" + months[month - 1] + "/2023:00:00:00 +0000",
+                     u"2023-%1-28 00:00:00"_s.arg(month, 2, 10, QChar(u'0')));
+    }
+}
+
+void addDayRows()
+{
+    timeAccepted("first-day", "01/Jan/2024:00:00:00 +0000", u"2024-01-01 00:00:00"_s);
+    timeAccepted("last-second", "31/Dec/2024:23:59:59 +0000", u"2024-12-31 23:59:59"_s);
+    timeAccepted("into-the-year-before", "01/Jan/2024:00:30:00 +0100", u"2023-12-31 23:30:00"_s);
+    timeAccepted("into-the-next-year", "31/Dec/2024:23:30:00 -0100", u"2025-01-01 00:30:00"_s);
+    timeAccepted("into-a-leap-day", "01/Mar/2024:00:30:00 +0100", u"2024-02-29 23:30:00"_s);
+    timeAccepted("past-a-missing-leap-day", "28/Feb/2023:23:30:00 -0100", u"2023-03-01 00:30:00"_s);
+    timeAccepted("leap-day", "29/Feb/2024:12:00:00 +0000", u"2024-02-29 12:00:00"_s);
+    timeRejected("leap-day-in-a-common-year", "29/Feb/2023:12:00:00 +0000");
+    timeRejected("leap-day-in-a-common-century", "29/Feb/1900:12:00:00 +0000");
+    timeAccepted("leap-day-every-400-years", "29/Feb/2000:12:00:00 +0000", u"2000-02-29 12:00:00"_s);
+    timeRejected("february-30", "30/Feb/2024:12:00:00 +0000");
+    timeRejected("april-31", "31/Apr/2024:12:00:00 +0000");
+    timeRejected("day-0", "00/Oct/2024:12:00:00 +0000");
+    timeRejected("day-32", "32/Oct/2024:12:00:00 +0000");
+    timeRejected("day-negative", "-1/Oct/2024:12:00:00 +0000");
+    timeRejected("day-is-no-number", "xx/Oct/2024:12:00:00 +0000");
+    timeAccepted("day-padded-with-a-space", " 1/Oct/2024:12:00:00 +0000", u"2024-10-01 12:00:00"_s);
+    timeRejected("hour-24", "10/Oct/2024:24:00:00 +0000");
+    timeRejected("hour-negative", "10/Oct/2024:-1:00:00 +0000");
+    timeAccepted("hour-is-no-number", "10/Oct/2024:xx:10:00 +0000", u"2024-10-10 00:10:00"_s);
+    timeRejected("minute-60", "10/Oct/2024:12:60:00 +0000");
+    timeRejected("leap-second", "30/Jun/2015:23:59:60 +0000");
+    timeAccepted("second-is-no-number", "10/Oct/2024:12:10:zz +0000", u"2024-10-10 12:10:00"_s);
+    timeAccepted("one-hour-hand-signed", "10/Oct/2024:+1:10:00 +0000", u"2024-10-10 01:10:00"_s);
+}
+
+void addYearRows()
+{
+    timeAccepted("before-1970", "31/Dec/1969:23:59:59 +0000", u"1969-12-31 23:59:59"_s);
+    timeAccepted("year-1", "01/Jan/0001:00:00:00 +0000", u"1-01-01 00:00:00"_s);
+    timeAccepted("year-1-and-a-zone-out-of-it", "01/Jan/0001:00:00:00 +1600", u"-1-12-31 08:00:00"_s);
+    timeAccepted("year-9999", "31/Dec/9999:23:59:59 +0000", u"9999-12-31 23:59:59"_s);
+    timeAccepted("year-9999-and-a-zone-out-of-it", "31/Dec/9999:23:59:59 -1600", u"10000-01-01 15:59:59"_s);
+    timeRejected("year-0", "01/Jan/0000:00:00:00 +0000");
+    timeAccepted("year-negative", "01/Jan/-001:00:00:00 +0000", u"-1-01-01 00:00:00"_s);
+    timeAccepted("year-negative-and-a-zone-into-year-1", "31/Dec/-001:23:00:00 -0100", u"1-01-01 00:00:00"_s);
+    timeAccepted("year-negative-leap-day", "29/Feb/-001:00:00:00 +0000", u"-1-02-29 00:00:00"_s);
+    timeRejected("year-is-no-number", "10/Oct/abcd:12:00:00 +0000");
+    timeRejected("year-half-a-number", "10/Oct/20xx:12:00:00 +0000");
+    timeRejected("all-zero", "00/000/0000:00:00:00 +0000");
+    timeRejected("all-spaces", "                          ");
 }
 
 } // namespace
@@ -191,8 +324,8 @@ private Q_SLOTS:
 
 void tst_LogParser::everyFieldOfASampleLine()
 {
-    const std::optional<LogLine> log = parse(
-        "127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /a?b=1 HTTP/1.1\" 200 2326 \"-\" \"Mozilla/5.0\" 1234");
+    const std::optional<LogLine> log = parse("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /a?b=1 "
+                                             "HTTP/1.1\" 200 2326 \"-\" \"Mozilla/5.0\" 1234");
     QVERIFY(log);
     QCOMPARE(log->ip, u"127.0.0.1"_s);
     QCOMPARE(shown(log->at), u"2024-10-10 11:55:36 UTC"_s);
@@ -225,20 +358,25 @@ void tst_LogParser::rejects_data()
     QTest::newRow("no-closing-bracket") << Written{.time = "[10/Oct/2024:13:55:36 +0200"}.line();
     QTest::newRow("ends-at-the-opening-bracket") << QByteArray("127.0.0.1 - - [");
     QTest::newRow("ends-at-the-time") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200]");
-    QTest::newRow("ends-at-the-time-and-a-space") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] ");
+    QTest::newRow("ends-at-the-time-and-a-space")
+        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] ");
     QTest::newRow("request-without-quotes") << Written{.request = "GET / HTTP/1.1"}.line();
     QTest::newRow("request-without-opening-quote") << Written{.request = "GET / HTTP/1.1\""}.line();
     QTest::newRow("request-in-single-quotes") << Written{.request = "'GET / HTTP/1.1'"}.line();
     QTest::newRow("tab-before-the-request") << Written{.request = "\t\"GET / HTTP/1.1\""}.line();
-    QTest::newRow("request-not-closed") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET / HTTP/1.1");
-    QTest::newRow("request-is-an-opening-quote") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"");
+    QTest::newRow("request-not-closed")
+        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET / HTTP/1.1");
+    QTest::newRow("request-is-an-opening-quote")
+        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"");
     QTest::newRow("request-ends-in-an-escaped-quote")
-        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET / HTTP/1.1\\\"");
+        << QByteArray(R"(127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] "GET / HTTP/1.1\")");
     QTest::newRow("request-ends-in-a-backslash")
         << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET / HTTP/1.1\\");
-    QTest::newRow("ends-at-the-request") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /\"");
+    QTest::newRow("ends-at-the-request")
+        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /\"");
     QTest::newRow("other-format-host-first") << "www.example.org:443 " + good;
-    QTest::newRow("error-log") << QByteArray("[Thu Oct 10 13:55:36.123456 2024] [core:error] [pid 1] AH00126: x");
+    QTest::newRow("error-log") << QByteArray(
+        "[Thu Oct 10 13:55:36.123456 2024] [core:error] [pid 1] AH00126: x");
 }
 
 void tst_LogParser::rejects()
@@ -254,7 +392,8 @@ void tst_LogParser::clientField_data()
 
     QTest::newRow("v4") << QByteArray("192.0.2.7") << u"192.0.2.7"_s;
     QTest::newRow("v6") << QByteArray("2001:db8::1") << u"2001:db8::1"_s;
-    QTest::newRow("host-name") << QByteArray("crawl-66-249-66-1.googlebot.com") << u"crawl-66-249-66-1.googlebot.com"_s;
+    QTest::newRow("host-name") << QByteArray("crawl-66-249-66-1.googlebot.com")
+                               << u"crawl-66-249-66-1.googlebot.com"_s;
     QTest::newRow("none") << QByteArray("-") << u"-"_s;
     QTest::newRow("not-validated") << QByteArray("999.1") << u"999.1"_s;
     QTest::newRow("latin-1") << QByteArray("h\xe9\xff") << u"h\u00e9\u00ff"_s;
@@ -278,103 +417,11 @@ void tst_LogParser::time_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<QString>("at"); // empty: the line is rejected
-
-    const auto accepted = [](const QByteArray& name, const QByteArray& text, const QString& at) {
-        QTest::newRow(name.constData()) << text << at + u" UTC"_s;
-    };
-    const auto rejected = [](const char* name, const QByteArray& text) { QTest::newRow(name) << text << QString(); };
-
-    accepted("utc", "10/Oct/2024:13:55:36 +0000", u"2024-10-10 13:55:36"_s);
-    accepted("utc-with-minus", "10/Oct/2024:13:55:36 -0000", u"2024-10-10 13:55:36"_s);
-    accepted("east-is-earlier-in-utc", "10/Oct/2024:13:55:36 +0200", u"2024-10-10 11:55:36"_s);
-    accepted("west-is-later-in-utc", "10/Oct/2024:13:55:36 -0700", u"2024-10-10 20:55:36"_s);
-    accepted("offset-half-hour", "10/Oct/2024:13:55:36 +0530", u"2024-10-10 08:25:36"_s);
-    accepted("offset-quarter-hour-west", "10/Oct/2024:13:55:36 -0345", u"2024-10-10 17:40:36"_s);
-    accepted("offset-14-hours", "10/Oct/2024:13:55:36 +1400", u"2024-10-09 23:55:36"_s);
-    accepted("offset-past-14-hours", "10/Oct/2024:13:55:36 +1401", u"2024-10-09 23:54:36"_s);
-    accepted("offset-15-hours", "10/Oct/2024:13:55:36 +1500", u"2024-10-09 22:55:36"_s);
-    accepted("offset-15-hours-west", "10/Oct/2024:13:55:36 -1500", u"2024-10-11 04:55:36"_s);
-    accepted("offset-16-hours", "10/Oct/2024:13:55:36 +1600", u"2024-10-09 21:55:36"_s);
-    accepted("offset-16-hours-west", "10/Oct/2024:13:55:36 -1600", u"2024-10-11 05:55:36"_s);
-    accepted("offset-16-hours-as-minutes", "10/Oct/2024:13:55:36 +1560", u"2024-10-09 21:55:36"_s);
-    accepted("offset-16-hours-west-as-minutes", "10/Oct/2024:13:55:36 -1560", u"2024-10-11 05:55:36"_s);
-    accepted("offset-minutes-over-59", "10/Oct/2024:13:55:36 +0099", u"2024-10-10 12:16:36"_s);
-    rejected("offset-16-hours-and-a-minute", "10/Oct/2024:13:55:36 +1601");
-    rejected("offset-16-hours-and-a-minute-west", "10/Oct/2024:13:55:36 -1601");
-    rejected("offset-past-16-hours-as-minutes", "10/Oct/2024:13:55:36 +1561");
-    rejected("offset-past-16-hours-west-as-minutes", "10/Oct/2024:13:55:36 -1561");
-    rejected("offset-17-hours", "10/Oct/2024:13:55:36 +1700");
-    rejected("offset-17-hours-west", "10/Oct/2024:13:55:36 -1700");
-    rejected("offset-99-hours", "10/Oct/2024:13:55:36 +9999");
-    accepted("offset-is-no-number", "10/Oct/2024:13:55:36 +zzzz", u"2024-10-10 13:55:36"_s);
-    accepted("offset-half-a-number", "10/Oct/2024:13:55:36 +01zz", u"2024-10-10 12:55:36"_s);
-    accepted("offset-with-colon", "10/Oct/2024:13:55:36 +02:30", u"2024-10-10 11:55:36"_s);
-    accepted("offset-without-sign-is-east", "10/Oct/2024:13:55:36  0200", u"2024-10-10 11:55:36"_s);
-    accepted("offset-signed-twice", "10/Oct/2024:13:55:36 --100", u"2024-10-10 12:55:36"_s);
-
-    accepted("separators-are-not-looked-at", "10xOct?2024_13.55~36\xff+0200", u"2024-10-10 11:55:36"_s);
-    accepted("separators-are-digits", "109Oct92024913955936900200", u"2024-10-10 11:55:36"_s);
-    accepted("separators-are-nul", bytes("10\0Oct\0002024\00013\00055\00036\0+0200"), u"2024-10-10 11:55:36"_s);
-    accepted("text-behind-the-zone", "10/Oct/2024:13:55:36 +0200 and more", u"2024-10-10 11:55:36"_s);
-    accepted("digits-behind-the-zone", "10/Oct/2024:13:55:36 +020099", u"2024-10-10 11:55:36"_s);
-    accepted("opening-bracket-within", "10/Oct/2024[13:55:36 +0200", u"2024-10-10 11:55:36"_s);
-    rejected("no-zone", "10/Oct/2024:13:55:36");
-    rejected("one-character-short", "10/Oct/2024:13:55:36 +020");
-    rejected("empty", "");
-    rejected("space-first", " 10/Oct/2024:13:55:36 +0200");
-    rejected("milliseconds", "10/Oct/2024:13:55:36.123 +0200"); // "23" hours and " +" minutes of zone
-    rejected("iso", "2024-10-10T13:55:36.000000+02:00");
-    rejected("bracket-cuts-it-short", "10/Oct/2024:13:55:36] +0200");
-
-    rejected("month-lower-case", "10/oct/2024:13:55:36 +0200");
-    rejected("month-upper-case", "10/OCT/2024:13:55:36 +0200");
-    rejected("month-unknown", "10/Okt/2024:13:55:36 +0200");
-    rejected("month-number", "10/010/2024:13:55:36 +0200");
-    rejected("month-empty", "10/   /2024:13:55:36 +0200");
-    const QList<QByteArray> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    for (int month = 1; month <= 12; ++month) {
-        accepted("month-" + months[month - 1].toLower(), "28/" + months[month - 1] + "/2023:00:00:00 +0000",
-                 u"2023-%1-28 00:00:00"_s.arg(month, 2, 10, QChar(u'0')));
-    }
-
-    accepted("first-day", "01/Jan/2024:00:00:00 +0000", u"2024-01-01 00:00:00"_s);
-    accepted("last-second", "31/Dec/2024:23:59:59 +0000", u"2024-12-31 23:59:59"_s);
-    accepted("into-the-year-before", "01/Jan/2024:00:30:00 +0100", u"2023-12-31 23:30:00"_s);
-    accepted("into-the-next-year", "31/Dec/2024:23:30:00 -0100", u"2025-01-01 00:30:00"_s);
-    accepted("into-a-leap-day", "01/Mar/2024:00:30:00 +0100", u"2024-02-29 23:30:00"_s);
-    accepted("past-a-missing-leap-day", "28/Feb/2023:23:30:00 -0100", u"2023-03-01 00:30:00"_s);
-    accepted("leap-day", "29/Feb/2024:12:00:00 +0000", u"2024-02-29 12:00:00"_s);
-    rejected("leap-day-in-a-common-year", "29/Feb/2023:12:00:00 +0000");
-    rejected("leap-day-in-a-common-century", "29/Feb/1900:12:00:00 +0000");
-    accepted("leap-day-every-400-years", "29/Feb/2000:12:00:00 +0000", u"2000-02-29 12:00:00"_s);
-    rejected("february-30", "30/Feb/2024:12:00:00 +0000");
-    rejected("april-31", "31/Apr/2024:12:00:00 +0000");
-    rejected("day-0", "00/Oct/2024:12:00:00 +0000");
-    rejected("day-32", "32/Oct/2024:12:00:00 +0000");
-    rejected("day-negative", "-1/Oct/2024:12:00:00 +0000");
-    rejected("day-is-no-number", "xx/Oct/2024:12:00:00 +0000");
-    accepted("day-padded-with-a-space", " 1/Oct/2024:12:00:00 +0000", u"2024-10-01 12:00:00"_s);
-    rejected("hour-24", "10/Oct/2024:24:00:00 +0000");
-    rejected("hour-negative", "10/Oct/2024:-1:00:00 +0000");
-    accepted("hour-is-no-number", "10/Oct/2024:xx:10:00 +0000", u"2024-10-10 00:10:00"_s);
-    rejected("minute-60", "10/Oct/2024:12:60:00 +0000");
-    rejected("leap-second", "30/Jun/2015:23:59:60 +0000");
-    accepted("second-is-no-number", "10/Oct/2024:12:10:zz +0000", u"2024-10-10 12:10:00"_s);
-    accepted("one-hour-hand-signed", "10/Oct/2024:+1:10:00 +0000", u"2024-10-10 01:10:00"_s);
-
-    accepted("before-1970", "31/Dec/1969:23:59:59 +0000", u"1969-12-31 23:59:59"_s);
-    accepted("year-1", "01/Jan/0001:00:00:00 +0000", u"1-01-01 00:00:00"_s);
-    accepted("year-1-and-a-zone-out-of-it", "01/Jan/0001:00:00:00 +1600", u"-1-12-31 08:00:00"_s);
-    accepted("year-9999", "31/Dec/9999:23:59:59 +0000", u"9999-12-31 23:59:59"_s);
-    accepted("year-9999-and-a-zone-out-of-it", "31/Dec/9999:23:59:59 -1600", u"10000-01-01 15:59:59"_s);
-    rejected("year-0", "01/Jan/0000:00:00:00 +0000");
-    accepted("year-negative", "01/Jan/-001:00:00:00 +0000", u"-1-01-01 00:00:00"_s);
-    accepted("year-negative-and-a-zone-into-year-1", "31/Dec/-001:23:00:00 -0100", u"1-01-01 00:00:00"_s);
-    accepted("year-negative-leap-day", "29/Feb/-001:00:00:00 +0000", u"-1-02-29 00:00:00"_s);
-    rejected("year-is-no-number", "10/Oct/abcd:12:00:00 +0000");
-    rejected("year-half-a-number", "10/Oct/20xx:12:00:00 +0000");
-    rejected("all-zero", "00/000/0000:00:00:00 +0000");
-    rejected("all-spaces", "                          ");
+    addZoneRows();
+    addPositionRows();
+    addMonthRows();
+    addDayRows();
+    addYearRows();
 }
 
 void tst_LogParser::time()
@@ -393,11 +440,14 @@ void tst_LogParser::timeDoesNotDependOnTheLocalZone_data()
 
     // Each of these local times is left out by the clocks of its zone.
     QTest::newRow("spring-forward-in-new-york")
-        << QByteArray("America/New_York") << QByteArray("10/Mar/2024:02:30:00 +0000") << u"2024-03-10 02:30:00 UTC"_s;
+        << QByteArray("America/New_York") << QByteArray("10/Mar/2024:02:30:00 +0000")
+        << u"2024-03-10 02:30:00 UTC"_s;
     QTest::newRow("spring-forward-in-berlin")
-        << QByteArray("Europe/Berlin") << QByteArray("31/Mar/2024:02:30:00 +0200") << u"2024-03-31 00:30:00 UTC"_s;
+        << QByteArray("Europe/Berlin") << QByteArray("31/Mar/2024:02:30:00 +0200")
+        << u"2024-03-31 00:30:00 UTC"_s;
     QTest::newRow("day-left-out-in-samoa")
-        << QByteArray("Pacific/Apia") << QByteArray("30/Dec/2011:12:00:00 -1000") << u"2011-12-30 22:00:00 UTC"_s;
+        << QByteArray("Pacific/Apia") << QByteArray("30/Dec/2011:12:00:00 -1000")
+        << u"2011-12-30 22:00:00 UTC"_s;
 }
 
 void tst_LogParser::timeDoesNotDependOnTheLocalZone()
@@ -419,9 +469,8 @@ void tst_LogParser::request_data()
     QTest::addColumn<QByteArray>("field");
     QTest::addColumn<QByteArray>("method");
     QTest::addColumn<QByteArray>("target");
-    const auto row = [](const char* name, const QByteArray& field, const QByteArray& method, const QByteArray& target) {
-        QTest::newRow(name) << field << method << target;
-    };
+    const auto row = [](const char* name, const QByteArray& field, const QByteArray& method,
+                        const QByteArray& target) { QTest::newRow(name) << field << method << target; };
 
     row("usual", R"("GET /a?b=1 HTTP/1.1")", "GET", "/a?b=1");
     row("empty", R"("")", "", "");
@@ -467,7 +516,9 @@ void tst_LogParser::status_data()
     const auto accepted = [](const char* name, const QByteArray& text, qint32 status) {
         QTest::newRow(name) << text << true << status;
     };
-    const auto rejected = [](const char* name, const QByteArray& text) { QTest::newRow(name) << text << false << 0; };
+    const auto rejected = [](const char* name, const QByteArray& text) {
+        QTest::newRow(name) << text << false << 0;
+    };
 
     accepted("found", "200", 200);
     accepted("zero", "0", 0);
@@ -506,7 +557,9 @@ void tst_LogParser::size_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<qint64>("size");
-    const auto row = [](const char* name, const QByteArray& text, qint64 size) { QTest::newRow(name) << text << size; };
+    const auto row = [](const char* name, const QByteArray& text, qint64 size) {
+        QTest::newRow(name) << text << size;
+    };
 
     row("usual", "2326", 2326);
     row("zero", "0", 0);
@@ -563,7 +616,8 @@ void tst_LogParser::referrerAndUserAgent_data()
     row("referrer-ends-in-a-backslash", R"( "http://a/\)", "", "");
     row("user-agent-ends-in-a-backslash", R"( "http://a/" "Mozilla\)", "http://a/", "");
     row("user-agent-ends-in-an-escaped-quote", R"( "http://a/" "Mozilla\" 7)", "http://a/", "");
-    row("user-agent-ends-in-an-escaped-backslash", R"( "http://a/" "Mozilla\\" 7)", "http://a/", R"(Mozilla\)", 7);
+    row("user-agent-ends-in-an-escaped-backslash", R"( "http://a/" "Mozilla\\" 7)", "http://a/",
+        R"(Mozilla\)", 7);
     row("escaped-quotes", R"( "a\"b" "My \"quoted\" agent" 7)", "a\"b", "My \"quoted\" agent", 7);
     row("escaped-backslashes", R"( "\\\\" "\\\"")", R"(\\)", R"(\")");
     row("escaped-bytes-are-not-decoded", R"( "http://caf\xe9/" "a\tb")", "http://cafxe9/", "atb");
@@ -579,8 +633,8 @@ void tst_LogParser::referrerAndUserAgent_data()
 void tst_LogParser::referrerAndUserAgent()
 {
     QFETCH(QByteArray, tail);
-    const std::optional<LogLine> log
-        = parse("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /a?b=1 HTTP/1.1\" 200 2326" + tail);
+    const std::optional<LogLine> log =
+        parse("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200] \"GET /a?b=1 HTTP/1.1\" 200 2326" + tail);
     QVERIFY(log);
     QTEST(log->referrer, "referrer");
     QTEST(log->userAgent, "userAgent");
@@ -640,10 +694,12 @@ void tst_LogParser::spacing_data()
 {
     QTest::addColumn<QByteArray>("line");
 
-    QTest::newRow("many-spaces") << QByteArray("  127.0.0.1   -   -    [10/Oct/2024:13:55:36 +0200]   \"GET /a?b=1 HTTP/1.1\""
-                                               "    200   2326   \"-\"   \"Mozilla/5.0\"   1234  ");
-    QTest::newRow("as-few-as-can-be") << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200]\"GET /a?b=1 HTTP/1.1\""
-                                                    "200 2326 \"-\"\"Mozilla/5.0\"1234");
+    QTest::newRow("many-spaces") << QByteArray(
+        "  127.0.0.1   -   -    [10/Oct/2024:13:55:36 +0200]   \"GET /a?b=1 HTTP/1.1\""
+        "    200   2326   \"-\"   \"Mozilla/5.0\"   1234  ");
+    QTest::newRow("as-few-as-can-be")
+        << QByteArray("127.0.0.1 - - [10/Oct/2024:13:55:36 +0200]\"GET /a?b=1 HTTP/1.1\""
+                      "200 2326 \"-\"\"Mozilla/5.0\"1234");
     QTest::newRow("user-in-brackets") << Written{.identAndUser = "[x] [y]", .extra = "1234"}.line();
     QTest::newRow("user-with-a-quote") << Written{.identAndUser = "\"a b\"", .extra = "1234"}.line();
 }
@@ -672,54 +728,52 @@ void tst_LogParser::everyPrefixOfALine()
 void tst_LogParser::fieldsOfAMegabyte_data()
 {
     QTest::addColumn<QByteArray>("line");
-    QTest::addColumn<bool>("accepted");
+    QTest::addColumn<qsizetype>("longest"); // text of the record; -1 when the line is rejected
+    QTest::addColumn<qint64>("responseUs");
+    const auto row = [](const char* name, const QByteArray& line, qsizetype longest, qint64 responseUs = 0) {
+        QTest::newRow(name) << line << longest << responseUs;
+    };
     const QByteArray plain(kMegabyte, 'a');
     const QByteArray quotes = QByteArray(R"(\")").repeated(kMegabyte);
     const QByteArray backslashes(2 * kMegabyte, '\\');
     const QByteArray spaces(kMegabyte, ' ');
     const QByteArray digits(kMegabyte, '9');
     const QByteArray words = QByteArray("7 ").repeated(kMegabyte);
+    const qsizetype agent = QByteArrayView("Mozilla/5.0").size();
+    const qsizetype address = QByteArrayView("127.0.0.1").size();
 
-    QTest::newRow("client") << Written{.ip = plain}.line() << true;
-    QTest::newRow("user") << Written{.identAndUser = "- " + plain}.line() << true;
-    QTest::newRow("spaces-before-the-time") << Written{.identAndUser = "- - " + spaces}.line() << true;
-    QTest::newRow("time") << Written{.time = "[10/Oct/2024:13:55:36 +0200" + plain + ']'}.line() << true;
-    QTest::newRow("time-not-closed") << QByteArray("127.0.0.1 - - [" + plain) << false;
-    QTest::newRow("target") << Written{.request = "\"GET /" + plain + " HTTP/1.1\""}.line() << true;
-    QTest::newRow("method") << Written{.request = '"' + plain + '"'}.line() << true;
-    QTest::newRow("request-of-spaces") << Written{.request = '"' + spaces + '"'}.line() << true;
-    QTest::newRow("status") << Written{.status = digits}.line() << false;
-    QTest::newRow("size") << Written{.bytes = digits}.line() << true;
-    QTest::newRow("referrer") << Written{.referrer = '"' + plain + '"'}.line() << true;
-    QTest::newRow("referrer-without-quotes") << Written{.referrer = plain}.line() << true;
-    QTest::newRow("escaped-quotes") << Written{.userAgent = '"' + quotes + '"'}.line() << true;
-    QTest::newRow("escaped-backslashes") << Written{.userAgent = '"' + backslashes + '"'}.line() << true;
-    QTest::newRow("user-agent-not-closed") << Written{.userAgent = '"' + quotes}.line() << true;
-    QTest::newRow("response-time") << Written{.extra = digits}.line() << true;
-    QTest::newRow("many-further-fields") << Written{.extra = words}.line() << true;
-    QTest::newRow("spaces-at-the-end") << Written{.extra = "7" + spaces}.line() << true;
+    row("client", Written{.ip = plain}.line(), kMegabyte);
+    row("user", Written{.identAndUser = "- " + plain}.line(), agent);
+    row("spaces-before-the-time", Written{.identAndUser = "- - " + spaces}.line(), agent);
+    row("time", Written{.time = "[10/Oct/2024:13:55:36 +0200" + plain + ']'}.line(), agent);
+    row("time-not-closed", "127.0.0.1 - - [" + plain, -1);
+    row("target", Written{.request = "\"GET " + plain + " HTTP/1.1\""}.line(), kMegabyte);
+    row("method", Written{.request = '"' + plain + '"'}.line(), kMegabyte);
+    row("request-of-spaces", Written{.request = '"' + spaces + '"'}.line(), agent);
+    row("status", Written{.status = digits}.line(), -1);
+    row("size", Written{.bytes = digits}.line(), agent);
+    row("referrer", Written{.referrer = '"' + plain + '"'}.line(), kMegabyte);
+    row("referrer-without-quotes", Written{.referrer = plain}.line(), address);
+    row("escaped-quotes", Written{.userAgent = '"' + quotes + '"'}.line(), kMegabyte);
+    row("escaped-backslashes", Written{.userAgent = '"' + backslashes + '"'}.line(), kMegabyte);
+    row("user-agent-not-closed", Written{.userAgent = '"' + quotes}.line(), address);
+    row("response-time", Written{.extra = digits}.line(), agent, kMost);
+    row("many-further-fields", Written{.extra = words}.line(), agent, 7);
+    row("spaces-at-the-end", Written{.extra = "7" + spaces}.line(), agent, 7);
 }
 
 void tst_LogParser::fieldsOfAMegabyte()
 {
     QFETCH(QByteArray, line);
-    QElapsedTimer timer;
-    timer.start();
     const std::optional<LogLine> log = parse(line);
-    // Some milliseconds when each byte is looked at once; anything quadratic takes ten seconds.
-    QVERIFY2(timer.elapsed() < 2000, qPrintable(u"%1 ms"_s.arg(timer.elapsed())));
-    QTEST(log.has_value(), "accepted");
-    const QByteArray tag = QTest::currentDataTag();
-    if (tag == "target")
-        QCOMPARE(log->target.size(), kMegabyte + 1);
-    else if (tag == "escaped-quotes")
-        QCOMPARE(log->userAgent, QByteArray(kMegabyte, '"'));
-    else if (tag == "escaped-backslashes")
-        QCOMPARE(log->userAgent, QByteArray(kMegabyte, '\\'));
-    else if (tag == "response-time")
-        QCOMPARE(log->responseUs, kMost);
-    else if (tag == "many-further-fields" || tag == "spaces-at-the-end")
-        QCOMPARE(log->responseUs, 7);
+    if (!log) {
+        QTEST(qsizetype(-1), "longest");
+        return;
+    }
+    QTEST(std::max({log->ip.size(), log->method.size(), log->target.size(), log->referrer.size(),
+                    log->userAgent.size()}),
+          "longest");
+    QTEST(log->responseUs, "responseUs");
 }
 
 void tst_LogParser::writtenLinesReadBackEqual()
@@ -729,8 +783,9 @@ void tst_LogParser::writtenLinesReadBackEqual()
         const LogLine log = randomLogLine(dice);
         const QByteArray line = written(log, dice);
         const QString difference = reference::difference(parse(line), log);
-        QVERIFY2(difference.isEmpty(), qPrintable(u"round %1: %2\n%3"_s.arg(round).arg(
-                                           difference, QString::fromLatin1(line.toPercentEncoding(" \"[]/:")))));
+        QVERIFY2(difference.isEmpty(),
+                 qPrintable(u"round %1: %2\n%3"_s.arg(round).arg(
+                     difference, QString::fromLatin1(line.toPercentEncoding(" \"[]/:")))));
     }
 }
 
@@ -739,11 +794,13 @@ void tst_LogParser::damagedLinesAgreeWithTheReference()
     Dice dice(36551310);
     int accepted = 0;
     for (int round = 0; round < kMutations; ++round) {
-        QByteArray line = round % 4 == 0 ? Written{.extra = "1234"}.line() : written(randomLogLine(dice), dice);
+        QByteArray line =
+            round % 4 == 0 ? Written{.extra = "1234"}.line() : written(randomLogLine(dice), dice);
         for (int accidents = 1 + dice.below(4); accidents > 0; --accidents)
             line = damaged(line, dice);
         const std::optional<LogLine> log = parse(line);
-        const QString where = u"round %1: %2"_s.arg(round).arg(QString::fromLatin1(line.toPercentEncoding(" \"[]/:")));
+        const QString where =
+            u"round %1: %2"_s.arg(round).arg(QString::fromLatin1(line.toPercentEncoding(" \"[]/:")));
         const QString difference = reference::difference(log, reference::parseCombined(line));
         QVERIFY2(difference.isEmpty(), qPrintable(difference + u'\n' + where));
         if (!log)
@@ -756,7 +813,8 @@ void tst_LogParser::damagedLinesAgreeWithTheReference()
         QVERIFY2(log->referrer != "-" && log->userAgent != "-", qPrintable(where));
     }
     // Lines that are all good or all spoilt would show little.
-    QVERIFY2(accepted > kMutations / 4 && accepted < kMutations * 3 / 4, qPrintable(QString::number(accepted)));
+    QVERIFY2(accepted > kMutations / 4 && accepted < kMutations * 3 / 4,
+             qPrintable(QString::number(accepted)));
 }
 
 QTEST_APPLESS_MAIN(tst_LogParser)

@@ -29,7 +29,7 @@ QString findPrograms()
     const QStringList found =
         versions.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name | QDir::Reversed);
     for (const QString& version : found) {
-        const QString folder = versions.filePath(version + u"/bin"_s);
+        QString folder = versions.filePath(version + u"/bin"_s);
         if (QFile::exists(folder + u"/initdb"_s))
             return folder;
     }
@@ -153,7 +153,7 @@ QString PostgresServer::createDatabase()
             qFatal("the schema does not load: %s", qPrintable(errors));
         m_haveTemplate = true;
     }
-    const QString name = u"tarn_%1"_s.arg(++m_databases);
+    QString name = u"tarn_%1"_s.arg(++m_databases);
     run(connect(u"postgres"_s, u"tarn_test_admin"_s),
         u"CREATE DATABASE %1 TEMPLATE tarn_template"_s.arg(name));
     return name;
@@ -161,7 +161,7 @@ QString PostgresServer::createDatabase()
 
 QString PostgresServer::createEmptyDatabase()
 {
-    const QString name = u"tarn_%1"_s.arg(++m_databases);
+    QString name = u"tarn_%1"_s.arg(++m_databases);
     run(connect(u"postgres"_s, u"tarn_test_admin"_s), u"CREATE DATABASE "_s + name);
     return name;
 }

@@ -16,7 +16,7 @@ using namespace tarn;
 
 namespace {
 
-constexpr qsizetype kSliceBytes = 8 * 1024 * 1024;
+constexpr qsizetype kSliceBytes = 8'388'608;
 
 QByteArray line(const QByteArray& path, const QByteArray& agent = "curl/8.5")
 {

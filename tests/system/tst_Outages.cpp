@@ -155,10 +155,11 @@ private Q_SLOTS:
             // Into the middle of a slice, which takes longer than this.
             QTest::qWait(1'900 + 150 * round);
             m_database.close();
-            if (hard)
+            if (hard) {
                 m_server.kill();
-            else
+            } else {
                 m_server.stop();
+            }
             log(100);
             QVERIFY(m_server.restart());
             committed.append(value(u"SELECT read_offset FROM tarn.log_sources"_s).toLongLong());
