@@ -88,8 +88,9 @@ bool PostgresServer::start()
 bool PostgresServer::initialise()
 {
     // The socket is for everybody, as that of an installed server is; the data folder has modes of its own.
-    QFile::setPermissions(m_folder.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                               | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+    QFile::setPermissions(m_folder.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                               | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
+                                               | QFile::ExeOther);
     if (const passwd* user = serverUser()) {
         if (chown(qPrintable(m_folder.path()), user->pw_uid, user->pw_gid) != 0) {
             qWarning("cannot give %s to the user postgres", qPrintable(m_folder.path()));
