@@ -38,6 +38,16 @@ QSqlDatabase session()
     return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
 }
 
+/// The rows that @p statement yields, which has no values to bind. None, and a line in the log, when it
+/// fails.
+QSqlQuery rowsOf(const QString& statement)
+{
+    QSqlQuery query;
+    if (!query.exec(statement))
+        qWarning("sql: %s", qPrintable(query.lastError().text()));
+    return query;
+}
+
 /// One row of tarn.log_sources, with the host of its site.
 struct LogSource
 {
@@ -52,8 +62,9 @@ struct LogSource
 QList<LogSource> logSources()
 {
     QList<LogSource> sources;
-    QSqlQuery query(u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l "
-                    "JOIN tarn.sites s ON s.id = l.site_id"_s);
+    QSqlQuery query =
+        rowsOf(u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l "
+               "JOIN tarn.sites s ON s.id = l.site_id"_s);
     while (query.next()) {
         LogSource source;
         source.id = query.value(0).toInt();
@@ -137,7 +148,7 @@ void followLogs(Ingest& ingest)
 /// Deletes hits past the retention that the suite has set; without one they are kept for ever.
 void removeOldHits()
 {
-    QSqlQuery setting(u"SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'"_s);
+    QSqlQuery setting = rowsOf(u"SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'"_s);
     if (!setting.next() || setting.value(0).toInt() <= 0)
         return;
     const int days = setting.value(0).toInt();
@@ -157,7 +168,7 @@ void maintain()
     if (lastDailyPass != today)
         days.insert(today.addDays(-1)); // for the hits of its last minutes
 
-    QSqlQuery sites(u"SELECT id FROM tarn.sites"_s);
+    QSqlQuery sites = rowsOf(u"SELECT id FROM tarn.sites"_s);
     while (sites.next())
         Ingest::rollup(sites.value(0).toInt(), days);
 

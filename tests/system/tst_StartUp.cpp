@@ -238,7 +238,7 @@ private Q_SLOTS:
         QTest::newRow("not-set") << QString();
         QTest::newRow("zero") << u"0"_s;
         QTest::newRow("negative") << u"-1"_s;
-        QTest::newRow("no-number") << u"year"_s;
+        QTest::newRow("no-number") << u"a year"_s;
     }
     void keepsHitsForEverByDefault()
     {
@@ -254,7 +254,27 @@ private Q_SLOTS:
                 == u"1"_s,
             20'000);
         QCOMPARE(test::value(m_database, u"SELECT count(*) FROM tarn.hits"_s), u"1"_s);
-        QCOMPARE(m_collector->log(), QStringList());
+        if (days.contains(u' ')) {
+            QVERIFY(
+                m_collector->waitForLog(u"sql: ERROR:  invalid input syntax for type integer: \"a year\""_s));
+        } else {
+            QCOMPARE(m_collector->log(), QStringList());
+        }
+    }
+
+    void missingPrivilegeIsSaid()
+    {
+        run(u"CREATE ROLE powerless LOGIN"_s);
+        run(u"GRANT USAGE ON SCHEMA tarn TO powerless"_s);
+        run(u"GRANT SELECT ON tarn.schema_migrations, tarn.settings, tarn.geo_country TO powerless"_s);
+        m_collector->settings[u"database/user"_s] = u"powerless"_s;
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(u"sql: ERROR:  permission denied for table log_sources"_s));
+        QVERIFY(m_collector->waitForLog(u"sql: ERROR:  permission denied for table sites"_s));
+        QVERIFY(m_collector->isRunning());
+        m_collector.reset();
+        run(u"DROP OWNED BY powerless"_s);
+        run(u"DROP ROLE powerless"_s);
     }
 };
 
