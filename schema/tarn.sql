@@ -239,10 +239,9 @@ SET search_path = pg_catalog, pg_temp
 AS $$
 BEGIN
     -- DO UPDATE, not DO NOTHING, for the lock on a mark that stands already: until these hits are committed no
-    -- roll-up can take the mark away, and so none can clear it without having seen them. Ordered, so that two
-    -- sessions that mark the same days cannot wait for each other in a circle.
+    -- roll-up can take the mark away, and so none can clear it without having seen them.
     INSERT INTO tarn.rollup_due (site_id, day)
-    SELECT DISTINCT n.site_id, n.at::date FROM new_hits n ORDER BY 1, 2
+    SELECT DISTINCT n.site_id, n.at::date FROM new_hits n
     ON CONFLICT (site_id, day) DO UPDATE SET day = excluded.day;
     RETURN NULL;
 END
@@ -314,10 +313,14 @@ SET enable_mergejoin = off
 SET jit = off
 AS $$
 BEGIN
-    DELETE FROM tarn.rollup_due d WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day;
+    -- Hits that are on their way hold the mark of their day; it is left to the next call. A roll-up that waited for
+    -- them could wait in a circle: they lock their days in the order of the log, it in that of its caller.
+    PERFORM FROM tarn.rollup_due d
+    WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day FOR UPDATE SKIP LOCKED;
     IF NOT FOUND THEN
         RETURN;
     END IF;
+    DELETE FROM tarn.rollup_due d WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day;
 
     INSERT INTO tarn.site_days AS s
         (site_id, day, hits, page_views, visitors, sessions, bot_hits, bytes, errors_4xx, errors_5xx,
@@ -404,7 +407,7 @@ END
 $$;
 COMMENT ON FUNCTION tarn.rollup_day(integer, date) IS
     'Brings tarn.site_days and tarn.site_day_values up to date for one site''s calendar day in the session''s time '
-    'zone. Does nothing, in a fraction of a millisecond, unless tarn.rollup_due holds the day; keeps the figures that '
+    'zone. Does nothing, in a fraction of a millisecond, unless tarn.rollup_due holds the day and no insert holds that; keeps the figures that '
     'stand if raw hits behind them have been deleted since';
 REVOKE EXECUTE ON ALL FUNCTIONS IN SCHEMA tarn FROM PUBLIC;
 
