@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 
 #include <limits>
+#include <utility>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -110,11 +111,14 @@ std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
     return query.next() ? query.value(0).toString() : QString();
 }
 
-qint64 nextSessionId()
+/// A number that no session has had yet; nothing, and the reason in @p error, when there is none to be had.
+std::optional<qint64> nextSessionId(QString& error)
 {
     QSqlQuery query;
-    if (!query.exec(u"SELECT nextval('tarn.session_seq')"_s) || !query.next())
-        return 0;
+    if (!query.exec(u"SELECT nextval('tarn.session_seq')"_s) || !query.next()) {
+        error = query.lastError().text();
+        return std::nullopt;
+    }
     return query.value(0).toLongLong();
 }
 
@@ -187,6 +191,9 @@ public:
     /// True once nothing of the transaction can be kept: a batch was refused, or the session is lost.
     bool isSpoilt() const { return m_spoilt; }
 
+    /// True the first time that it is asked.
+    bool isFirstSessionFailure() { return !std::exchange(m_sessionFailed, true); }
+
     void commit()
     {
         QSqlDatabase database = session();
@@ -200,6 +207,7 @@ private:
     std::optional<QSqlQuery> m_country;
     bool m_guarded = false;
     bool m_spoilt = false;
+    bool m_sessionFailed = false;
 };
 
 Ingest::Ingest() = default;
@@ -363,11 +371,12 @@ qint64 Ingest::sessionFor(const QByteArray& visitor, const QDateTime& at)
     Session& open = m_sessions[visitor];
     // Lines out of order give a negative gap, which is as good as a short one.
     if (open.id == 0 || open.last.secsTo(at) > kSessionGapSeconds) {
-        const auto next = []() -> std::optional<qint64> {
-            const qint64 id = nextSessionId();
-            return id == 0 ? std::nullopt : std::optional(id);
-        };
+        QString error;
+        const auto next = [&error] { return nextSessionId(error); };
         open.id = (m_transaction ? m_transaction->guarded(next) : next()).value_or(0);
+        // Once for a call: every line of a new visitor would say the same.
+        if (open.id == 0 && (!m_transaction || m_transaction->isFirstSessionFailure()))
+            qWarning("sql: %s", qPrintable(error));
     }
     if (!open.last.isValid() || at > open.last)
         open.last = at;

@@ -12,6 +12,7 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 
 namespace tarn::analytics {
 
@@ -22,7 +23,7 @@ public:
     struct Result
     {
         int lines = 0;    ///< lines that are not blank
-        int stored = 0;   ///< hits written
+        int stored = 0;   ///< hits in batches that the database took; void when it refused a later one
         int skipped = 0;  ///< lines that are not blank and no usable log entry
         QSet<QDate> days; ///< local calendar days of the hits
     };

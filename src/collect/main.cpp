@@ -16,6 +16,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <optional>
@@ -94,12 +95,28 @@ std::optional<QByteArray> readLines(const LogSource& source, const struct stat& 
     if (!log.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || !log.seek(offset))
         return std::nullopt;
     struct stat opened = {};
-    // Rotated since it was looked at: the next pass sees the new file from its start.
-    if (fstat(log.handle(), &opened) != 0 || opened.st_ino != file.st_ino)
+    // Rotated or cut since it was looked at: the next pass starts over.
+    const bool same = fstat(log.handle(), &opened) == 0 && opened.st_ino == file.st_ino
+                      && opened.st_dev == file.st_dev && opened.st_size >= offset;
+    if (!same)
         return QByteArray();
     QByteArray data = log.read(kSliceBytes);
     data.truncate(data.lastIndexOf('\n') + 1);
     return data;
+}
+
+/// The lines in @p data that are not empty. They share its bytes, and must not outlive it: a copy of each
+/// would make a file of nothing but line feeds cost a hundred times its size.
+QList<QByteArray> linesOf(const QByteArray& data)
+{
+    QList<QByteArray> lines;
+    for (qsizetype start = 0; start < data.size();) {
+        const qsizetype end = data.indexOf('\n', start);
+        if (end > start)
+            lines.append(QByteArray::fromRawData(data.constData() + start, end - start));
+        start = end + 1;
+    }
+    return lines;
 }
 
 void followLog(Ingest& ingest, const LogSource& source)
@@ -118,7 +135,7 @@ void followLog(Ingest& ingest, const LogSource& source)
     if (data->isEmpty())
         return;
 
-    const Ingest::Result result = ingest.ingest(source.siteId, source.host, data->split('\n'));
+    const Ingest::Result result = ingest.ingest(source.siteId, source.host, linesOf(*data));
     if (result.skipped != 0)
         qWarning("collect: %s: %d lines were not log entries", qPrintable(source.path), result.skipped);
 

@@ -316,6 +316,56 @@ private Q_SLOTS:
                  u"1/a 2/b 2/c"_s);
     }
 
+    void oneLogOfTwoSites()
+    {
+        write(logPath(), line("/1"));
+        follow(logPath(), 1);
+        follow(logPath(), 2);
+        m_collector->start();
+        QVERIFY(waitForHits(2));
+        QCOMPARE(value(u"SELECT string_agg(site_id || path, ' ' ORDER BY site_id) FROM tarn.hits"_s),
+                 u"1/1 2/1"_s);
+    }
+
+    void symbolicLinkIsFollowed()
+    {
+        write(logPath(u"real.log"_s), line("/1"));
+        QVERIFY(QFile::link(logPath(u"real.log"_s), logPath()));
+        follow(logPath());
+        m_collector->start();
+        QVERIFY(waitForHits(1));
+        append(logPath(u"real.log"_s), line("/2"));
+        QVERIFY(waitForHits(2));
+        QCOMPARE(paths(), u"/1 /2"_s);
+    }
+
+    void siteThatIsRemovedIsFollowedNoMore()
+    {
+        write(logPath(), line("/1"));
+        write(logPath(u"other.log"_s), line("/other"));
+        follow(logPath(), 1);
+        follow(logPath(u"other.log"_s), 2);
+        m_collector->start();
+        QVERIFY(waitForHits(2));
+        run(u"DELETE FROM tarn.sites WHERE id = 1"_s);
+        append(logPath(), line("/2"));
+        append(logPath(u"other.log"_s), line("/more"));
+        QVERIFY(waitForHits(3));
+        waitForTwoPasses();
+        QCOMPARE(paths(), u"/1 /more /other"_s);
+        QCOMPARE(m_collector->log(), QStringList());
+    }
+
+    void emptyLinesCostNothing()
+    {
+        write(logPath(), QByteArray(kSliceBytes - 1, '\n') + '\n' + line("/1"));
+        follow(logPath());
+        m_collector->start();
+        QVERIFY(waitForHits(1));
+        QTRY_COMPARE(readOffset(logPath()).toLongLong(), kSliceBytes + line("/1").size());
+        QCOMPARE(m_collector->log(), QStringList());
+    }
+
     void backlogIsReadInSlices()
     {
         // Long lines, so that few rows make much log.

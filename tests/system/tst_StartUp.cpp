@@ -195,6 +195,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("interval");
         QTest::newRow("zero") << u"0"_s;
         QTest::newRow("no-number") << u"soon"_s;
+        QTest::newRow("negative") << u"-5"_s; // Qt says that it will not start such a timer
         QTest::newRow("longer-than-a-timer-counts") << u"2147483647"_s;
     }
     void intervalsAsTyped()
