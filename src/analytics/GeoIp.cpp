@@ -1,0 +1,251 @@
+#include "analytics/GeoIp.h"
+
+#include "common/Db.h"
+#include "common/Gzip.h"
+
+#include <QByteArray>
+#include <QEventLoop>
+#include <QList>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QStringList>
+#include <QUrl>
+
+#include <memory>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::analytics {
+
+namespace {
+
+/// The real file has hundreds of thousands of lines. Something much smaller is an error page, or damaged.
+constexpr qsizetype kMinLines = 1'000;
+constexpr qsizetype kRowsPerInsert = 1'000;
+
+const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv.gz"_s;
+
+const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
+                         "ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s;
+
+QSqlDatabase session()
+{
+    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
+}
+
+QString monthOf(QDate day)
+{
+    return day.toString(u"yyyy-MM"_s);
+}
+
+/// Body of the answer to a request, or why there is none.
+struct Download
+{
+    QByteArray body;
+    QString error; ///< empty on success
+};
+
+Download download(const QUrl& address)
+{
+    QNetworkRequest request(address);
+    // Where a redirect leads to is not what was asked for, be it only a page that says so.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    // The file as it is stored: of one that a server sends as compressed text, Qt would undo the compression.
+    request.setRawHeader("Accept-Encoding", "identity");
+
+    QNetworkAccessManager manager;
+    const std::unique_ptr<QNetworkReply> reply(manager.get(request));
+    QEventLoop loop;
+    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+
+    if (!reply->isFinished()) // the process is told to end
+        return {{}, u"interrupted"_s};
+    if (reply->error() != QNetworkReply::NoError)
+        return {{}, reply->errorString()};
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status >= 300)
+        return {{}, u"the server answered with a redirect (HTTP status %1)"_s.arg(status)};
+    return {reply->readAll(), {}};
+}
+
+/// Takes the first line off @p rest, and returns it without its line feed.
+QByteArrayView takeLine(QByteArrayView& rest)
+{
+    const qsizetype end = rest.indexOf('\n');
+    const QByteArrayView line = end < 0 ? rest : rest.first(end);
+    rest = end < 0 ? QByteArrayView() : rest.sliced(end + 1);
+    return line;
+}
+
+/// True for enough lines, a range among them: a table is not emptied for a long page about an error.
+bool looksLikeCountryFile(const QByteArray& data)
+{
+    const qsizetype lines = data.count('\n') + (data.isEmpty() || data.endsWith('\n') ? 0 : 1);
+    if (lines < kMinLines)
+        return false;
+    QByteArrayView rest(data);
+    while (!rest.isEmpty()) {
+        if (parseCountryRange(takeLine(rest)))
+            return true;
+    }
+    return false;
+}
+
+void logError(const QSqlError& error)
+{
+    qWarning("sql: %s", qPrintable(error.text()));
+}
+
+/// The prepared statements of one load. They die after its transaction: in an aborted one they could not be
+/// freed, and would stay in the server.
+struct Statements
+{
+    std::optional<QSqlQuery> fullChunk; ///< for kRowsPerInsert ranges, bound again for each chunk
+    std::optional<QSqlQuery> lastChunk;
+    std::optional<QSqlQuery> month;
+};
+
+bool insert(Statements& statements, const QList<CountryRange>& chunk)
+{
+    std::optional<QSqlQuery>& query =
+        chunk.size() == kRowsPerInsert ? statements.fullChunk : statements.lastChunk;
+    if (!query)
+        query.emplace().prepare(rangeInsertStatement(chunk.size()));
+    for (const CountryRange& range : chunk) {
+        query->addBindValue(QString::fromLatin1(range.from));
+        query->addBindValue(QString::fromLatin1(range.to));
+        query->addBindValue(QString::fromLatin1(range.country));
+    }
+    return db::exec(*query);
+}
+
+/// Puts the ranges of @p data in place of those in the table; how many, or nothing when a statement failed.
+std::optional<qsizetype> replaceRanges(Statements& statements, QByteArrayView data)
+{
+    QSqlQuery truncation;
+    // From here on readers of the table wait for the end of the transaction.
+    if (!truncation.exec(u"TRUNCATE tarn.geo_country"_s)) {
+        logError(truncation.lastError());
+        return std::nullopt;
+    }
+    qsizetype total = 0;
+    QList<CountryRange> chunk;
+    chunk.reserve(kRowsPerInsert);
+    while (!data.isEmpty()) {
+        if (const std::optional<CountryRange> range = parseCountryRange(takeLine(data)))
+            chunk.append(*range);
+        const bool complete = chunk.size() == kRowsPerInsert || data.isEmpty();
+        if (!complete || chunk.isEmpty())
+            continue;
+        if (!insert(statements, chunk))
+            return std::nullopt;
+        total += chunk.size();
+        chunk.clear();
+    }
+    return total;
+}
+
+bool storeMonth(Statements& statements, const QString& month)
+{
+    QSqlQuery& query = statements.month.emplace();
+    query.prepare(kStoreMonth);
+    query.addBindValue(month);
+    return db::exec(query);
+}
+
+/// Replaces the table and notes the month, both or neither. The number of ranges; nothing when it failed.
+std::optional<qsizetype> load(QByteArrayView data, const QString& month)
+{
+    QSqlDatabase database = session();
+    Statements statements;
+    if (!database.transaction()) {
+        logError(database.lastError());
+        return std::nullopt;
+    }
+    const std::optional<qsizetype> total = replaceRanges(statements, data);
+    if (!total || !storeMonth(statements, month)) {
+        database.rollback();
+        return std::nullopt;
+    }
+    if (!database.commit()) { // which ends the transaction all the same
+        logError(database.lastError());
+        return std::nullopt;
+    }
+    return total;
+}
+
+} // namespace
+
+bool geoIpIsStale()
+{
+    return geoIpIsStale(QDate::currentDate());
+}
+
+bool geoIpIsStale(QDate today)
+{
+    QSqlQuery query;
+    return !query.exec(u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s) || !query.next()
+           || query.value(0).toString() != monthOf(today);
+}
+
+QString updateGeoIp(const QString& file, bool* ok)
+{
+    // Read once: the file that is asked for and the month that is noted must not differ at midnight.
+    return updateGeoIp(file, ok, QDate::currentDate());
+}
+
+QString updateGeoIp(const QString& file, bool* ok, QDate today)
+{
+    *ok = false;
+    const QString month = monthOf(today);
+    QByteArray data;
+    bool intact = false;
+    if (!file.isEmpty()) {
+        qInfo("geoip: loading %s", qPrintable(file));
+        data = readMaybeGzip(file, &intact);
+    } else {
+        const QUrl address(kAddress.arg(month));
+        qInfo("geoip: loading %s", qPrintable(address.toString()));
+        const Download answer = download(address);
+        if (!answer.error.isEmpty())
+            return u"download failed: "_s + answer.error;
+        data = gunzip(answer.body, &intact);
+    }
+    // The first half of a file would pass for a whole one.
+    if (!intact || !looksLikeCountryFile(data))
+        return u"that does not look like a DB-IP country file"_s;
+
+    const std::optional<qsizetype> ranges = load(data, month);
+    if (!ranges)
+        return u"database error while loading"_s;
+    *ok = true;
+    return u"loaded %1 country ranges (IP data by DB-IP, CC BY 4.0)"_s.arg(*ranges);
+}
+
+std::optional<CountryRange> parseCountryRange(QByteArrayView line)
+{
+    line = line.trimmed();
+    const qsizetype first = line.indexOf(',');
+    const qsizetype second = first < 0 ? -1 : line.indexOf(',', first + 1);
+    if (second < 0)
+        return std::nullopt;
+    const qsizetype third = line.indexOf(',', second + 1);
+    const QByteArrayView country = line.first(third < 0 ? line.size() : third).sliced(second + 1);
+    if (country.size() != 2 || country == "ZZ")
+        return std::nullopt;
+    return CountryRange{line.first(first), line.first(second).sliced(first + 1), country};
+}
+
+QString rangeInsertStatement(qsizetype rows)
+{
+    return u"INSERT INTO tarn.geo_country (ip_from, ip_to, country) VALUES "_s
+           + QStringList(rows, u"(CAST(? AS inet), CAST(? AS inet), ?)"_s).join(u", "_s)
+           + u" ON CONFLICT DO NOTHING"_s;
+}
+
+} // namespace tarn::analytics

@@ -1,0 +1,42 @@
+#include "common/Gzip.h"
+
+#include <QFile>
+#include <QProcess>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn {
+
+QByteArray gunzip(const QByteArray& data, bool* intact)
+{
+    QProcess process;
+    // What it says of bad data would come among the lines of our log.
+    process.setStandardErrorFile(QProcess::nullDevice());
+    process.start(u"gunzip"_s, {u"-c"_s});
+    // Written whole before anything is read: QProcess keeps what the pipe does not take yet, and moves both
+    // directions while it waits. Should gunzip end early, the rest is dropped.
+    process.write(data);
+    process.closeWriteChannel();
+    const bool finished = process.waitForFinished(-1);
+    if (intact)
+        *intact = finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    return process.readAllStandardOutput();
+}
+
+QByteArray readMaybeGzip(const QString& path, bool* intact)
+{
+    if (intact)
+        *intact = false;
+    QFile file(path);
+    // Qt warns of a file without a name.
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray contents = file.readAll();
+    if (path.endsWith(".gz"_L1))
+        return gunzip(contents, intact);
+    if (intact)
+        *intact = file.error() == QFile::NoError;
+    return contents;
+}
+
+} // namespace tarn
