@@ -32,11 +32,6 @@ const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv
 const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
                          "ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s;
 
-QSqlDatabase session()
-{
-    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-}
-
 QString monthOf(QDate day)
 {
     return day.toString(u"yyyy-MM"_s);
@@ -161,7 +156,7 @@ bool storeMonth(Statements& statements, const QString& month)
 /// Replaces the table and notes the month, both or neither. The number of ranges; nothing when it failed.
 std::optional<qsizetype> load(QByteArrayView data, const QString& month)
 {
-    QSqlDatabase database = session();
+    QSqlDatabase database = db::session();
     Statements statements;
     if (!database.transaction()) {
         logError(database.lastError());

@@ -41,11 +41,6 @@ const auto kCountryQuery =
     u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
     "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)"_s;
 
-QSqlDatabase session()
-{
-    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-}
-
 /// PostgreSQL's text holds every character but this one, which "%00" in a request makes; a statement that
 /// contains it is cut there, and fails.
 QString withoutNuls(QString text)
@@ -145,7 +140,7 @@ struct Ingest::Row
 class Ingest::Transaction
 {
 public:
-    Transaction() { session().transaction(); }
+    Transaction() { db::session().transaction(); }
 
     /// Look-ups may fail without spoiling the hits around them: they run behind a savepoint, set once for all
     /// that come between two batches. It is released before anything is written, so that rolling back to it
@@ -196,7 +191,7 @@ public:
 
     void commit()
     {
-        QSqlDatabase database = session();
+        QSqlDatabase database = db::session();
         if (!database.commit() && !m_spoilt)
             qWarning("sql: %s", qPrintable(database.lastError().text()));
     }
@@ -399,7 +394,7 @@ QString Ingest::country(const QString& ip)
         found = findCountry(query, ip);
     }
     // That the server is gone says nothing of the address, which comes again with the same line.
-    if (!found && !session().isOpen())
+    if (!found && !db::session().isOpen())
         return {};
     if (m_countries.size() > kMaxCountries)
         m_countries.clear();

@@ -33,12 +33,6 @@ constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
 /// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs.
 constexpr qint64 kSliceBytes = 8'388'608;
 
-/// The session as it is; asking for it in the plain way would open a closed one behind db::ensure()'s back.
-QSqlDatabase session()
-{
-    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-}
-
 /// The rows that @p statement yields, which has no values to bind. None, and a line in the log, when it
 /// fails.
 QSqlQuery rowsOf(const QString& statement)
@@ -156,7 +150,7 @@ void followLogs(Ingest& ingest)
     const QList<LogSource> sources = logSources();
     for (const LogSource& source : sources) {
         // A server lost half-way keeps nothing of what the remaining logs hold: the next pass reads them.
-        if (!session().isOpen())
+        if (!tarn::db::session().isOpen())
             return;
         followLog(ingest, source);
     }
@@ -251,7 +245,7 @@ int main(int argc, char** argv)
     start(logTimer, kLogInterval, [&ingest] { followLogs(ingest); });
     followLogs(ingest);
 
-    QSqlDriver* driver = session().driver();
+    QSqlDriver* driver = tarn::db::session().driver();
     driver->subscribeToNotification(u"tarn_sync"_s);
     driver->subscribeToNotification(u"tarn_usage"_s);
 

@@ -32,11 +32,6 @@ QString g_timeZone;
 /// that from the first sign of a loss until they are all back they are remembered here.
 QStringList g_lostChannels;
 
-QSqlDatabase session()
-{
-    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-}
-
 void setTimeZone()
 {
     QSqlQuery query;
@@ -131,6 +126,11 @@ bool open(const QSettings& settings, const QString& applicationName)
     g_timeZone = settings.value(u"database/timezone"_s, systemZone).toString();
     setTimeZone();
     return true;
+}
+
+QSqlDatabase session()
+{
+    return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
 }
 
 bool ensure(bool force)

@@ -6,6 +6,7 @@
 #include <QString>
 
 class QSettings;
+class QSqlDatabase;
 class QSqlQuery;
 
 namespace tarn::db {
@@ -14,6 +15,9 @@ namespace tarn::db {
 /// @p applicationName is what the server shows as application_name. False when it could not be opened
 /// (logged).
 bool open(const QSettings& settings, const QString& applicationName);
+
+/// The session as it is. Asking Qt for it in the plain way opens a closed one, behind ensure()'s back.
+QSqlDatabase session();
 
 /// Makes sure that the session is usable, reconnecting if it is lost, or in any case when @p force is true.
 /// A reconnected session has the time zone and the notification channels of the lost one again, however many
