@@ -189,6 +189,9 @@ void maintain()
     removeOldHits();
 }
 
+/// What the timers of health and usage run until those jobs are there.
+constexpr auto kNoJob = [] {};
+
 /// An interval setting as the timer takes it, which counts milliseconds in an int.
 std::chrono::milliseconds interval(std::chrono::seconds wanted)
 {
@@ -234,7 +237,7 @@ int main(int argc, char** argv)
     using std::chrono::minutes;
     using std::chrono::seconds;
     QTimer healthTimer;
-    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())), [] {});
+    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())), kNoJob);
 
     Ingest ingest;
     if (!ingest.init()) {
@@ -250,7 +253,7 @@ int main(int argc, char** argv)
     driver->subscribeToNotification(u"tarn_usage"_s);
 
     QTimer usageTimer;
-    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())), [] {});
+    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())), kNoJob);
 
     QTimer maintenanceTimer;
     start(maintenanceTimer, kMaintenanceInterval, maintain);
