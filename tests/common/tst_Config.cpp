@@ -91,11 +91,12 @@ private Q_SLOTS:
 
     void emptyOptionAndEnvironmentCountAsUnset()
     {
-        if (QFile::exists(u"/etc/tarnhold/tarnhold.ini"_s))
-            QFAIL("this machine has a settings file of its own in /etc/tarnhold");
+        const auto standard = u"/etc/tarnhold/tarnhold.ini"_s;
+        const bool installed = QFileInfo(standard).isFile(); // on a machine where the collector is in use
         qputenv("TARN_CONFIG", "");
-        expectNotFound(u"/etc/tarnhold/tarnhold.ini"_s);
-        QVERIFY(found({u"--config"_s, QString()}).isNull());
+        if (!installed)
+            expectNotFound(standard);
+        QCOMPARE(found({u"--config"_s, QString()}), installed ? standard : QString());
     }
 
     void helpNamesOptionAndValue()
