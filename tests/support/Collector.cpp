@@ -1,5 +1,8 @@
 #include "support/Collector.h"
 
+#include "support/PostgresServer.h"
+
+#include <QDate>
 #include <QFile>
 #include <QTest>
 #include <QTextStream>
@@ -17,6 +20,9 @@ namespace {
 
 constexpr int kExitMs = 60'000;
 constexpr int kLogMs = 30'000;
+
+/// The lowest port: nobody listens there, and only root could.
+const auto kNowhere = u"http://127.0.0.1:1"_s;
 
 } // namespace
 
@@ -37,6 +43,21 @@ void Collector::obeyFileModes()
         prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
     });
+}
+
+QString Collector::useNewDatabase(PostgresServer& server)
+{
+    QString name = server.createDatabase();
+    run(server.connect(name, u"tarn_test_new"_s),
+        u"INSERT INTO tarn.settings VALUES ('geoip_month', '%1')"_s.arg(
+            QDate::currentDate().toString(u"yyyy-MM"_s)));
+    QSqlDatabase::removeDatabase(u"tarn_test_new"_s);
+    settings = {
+        {u"database/host"_s, server.socketFolder()},
+        {u"database/name"_s, name                 },
+        {u"database/user"_s, u"postgres"_s        }
+    };
+    return name;
 }
 
 QString Collector::settingsPath() const
@@ -64,6 +85,8 @@ void Collector::startWith(const QStringList& arguments)
     m_errors.clear();
     m_output.clear();
     QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    variables.insert(u"https_proxy"_s, kNowhere);
+    variables.insert(u"http_proxy"_s, kNowhere);
     for (auto it = environment.cbegin(); it != environment.cend(); ++it)
         variables.insert(it.key(), it.value());
     m_process.setProcessEnvironment(variables);

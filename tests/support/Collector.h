@@ -8,6 +8,8 @@
 
 namespace tarn::test {
 
+class PostgresServer;
+
 class Collector
 {
 public:
@@ -16,8 +18,13 @@ public:
 
     /// Keys and values of the settings file, as `section/key`; written when the collector is started.
     QMap<QString, QString> settings;
-    /// Variables of the child's environment, over the test's own.
+    /// Variables of the child's environment, over the test's own. Without any, what leaves this machine is
+    /// sent to a port that nobody listens at.
     QMap<QString, QString> environment;
+
+    /// Makes a database on @p server, names it in the settings, and returns its name. It has the countries of
+    /// this month, so that a collector does not download them.
+    QString useNewDatabase(PostgresServer& server);
 
     /// Run as somebody whom file modes bind, also where the tests run as root. To be set before it is
     /// started.

@@ -102,15 +102,9 @@ private Q_SLOTS:
     {
         QTest::failOnWarning(QRegularExpression(u".?"_s));
         m_folder = std::make_unique<QTemporaryDir>();
-        const QString name = m_server.createDatabase();
-        m_database = m_server.connect(name, u"test"_s);
-        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org'), (2, 'example.net')"_s);
         m_collector = std::make_unique<test::Collector>();
-        m_collector->settings = {
-            {u"database/host"_s, m_server.socketFolder()},
-            {u"database/name"_s, name                   },
-            {u"database/user"_s, u"postgres"_s          }
-        };
+        m_database = m_server.connect(m_collector->useNewDatabase(m_server), u"test"_s);
+        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org'), (2, 'example.net')"_s);
     }
 
     void cleanup() { m_collector.reset(); }

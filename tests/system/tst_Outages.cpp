@@ -73,19 +73,14 @@ private Q_SLOTS:
         QTest::failOnWarning(QRegularExpression(u".?"_s));
         m_lines = 0;
         QFile::remove(m_folder.filePath(u"access.log"_s));
-        m_name = m_server.createDatabase();
+        m_collector = std::make_unique<test::Collector>();
+        m_name = m_collector->useNewDatabase(m_server);
+        m_collector->settings[u"database/timezone"_s] = u"Asia/Tokyo"_s;
         m_database = m_server.connect(m_name, u"test"_s);
         test::run(m_database, u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
         test::run(m_database, u"INSERT INTO tarn.log_sources (path, site_id) VALUES ('%1', 1)"_s.arg(
                                   m_folder.filePath(u"access.log"_s)));
         test::run(m_database, u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(m_name));
-        m_collector = std::make_unique<test::Collector>();
-        m_collector->settings = {
-            {u"database/host"_s,     m_server.socketFolder()},
-            {u"database/name"_s,     m_name                 },
-            {u"database/user"_s,     u"postgres"_s          },
-            {u"database/timezone"_s, u"Asia/Tokyo"_s        }
-        };
     }
 
     void cleanup() { m_collector.reset(); }
