@@ -175,4 +175,9 @@ QString ident(const QString& name)
     return u'"' + quoted + u'"';
 }
 
+QString storable(QString text)
+{
+    return text.isEmpty() ? u""_s : text.remove(QChar::Null);
+}
+
 } // namespace tarn::db

@@ -33,4 +33,9 @@ int schemaVersion();
 /// @p name quoted as a PostgreSQL identifier; NUL characters, which no identifier can hold, are removed.
 QString ident(const QString& name);
 
+/// @p text as it is to be bound to a column that is not to be NULL: never a null string, which the driver
+/// takes for NULL, and without NUL characters, the only ones that PostgreSQL's text cannot hold. JSON
+/// ("\u0000") and URLs ("%00") make them, and a statement that contains one is cut there.
+QString storable(QString text);
+
 } // namespace tarn::db

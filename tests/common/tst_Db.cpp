@@ -293,6 +293,24 @@ private Q_SLOTS:
         QFETCH(const QString, quoted);
         QCOMPARE(db::ident(name), quoted);
     }
+
+    void storable_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("stored");
+        QTest::newRow("plain") << u"a b"_s << u"a b"_s;
+        QTest::newRow("null") << QString() << u""_s;
+        QTest::newRow("empty") << u""_s << u""_s;
+        QTest::newRow("nuls") << QString::fromLatin1("\0a\0\0b\0", 6) << u"ab"_s;
+        QTest::newRow("only-nuls") << QString::fromLatin1("\0\0", 2) << u""_s;
+    }
+    void storable()
+    {
+        QFETCH(const QString, text);
+        QFETCH(const QString, stored);
+        QCOMPARE(db::storable(text), stored);
+        QVERIFY(!db::storable(text).isNull());
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_Db)

@@ -1,0 +1,183 @@
+#include "analytics/SearchImport.h"
+
+#include "common/Db.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QStringList>
+#include <QUrl>
+
+#include <algorithm>
+#include <list>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::analytics {
+
+namespace {
+
+/// Detail rows to a statement.
+constexpr qsizetype kRows = 500;
+
+const auto kDayDeletion =
+    u"DELETE FROM %1 WHERE site_id = ? AND engine = ? AND day BETWEEN CAST(? AS date) AND CAST(? AS date)"_s;
+const auto kDayInsertion = u"INSERT INTO tarn.search_days VALUES (?, ?, CAST(? AS date), ?, ?, ?)"_s;
+
+/// A site at an engine and the days that are replaced.
+struct Target
+{
+    int siteId;
+    QString engine;
+    QString first;
+    QString last;
+};
+
+/// Member @p index of "keys", for whatever reason there is none an empty text.
+QString keyOf(const QJsonObject& row, int index)
+{
+    return db::storable(row.value(u"keys"_s).toArray().at(index).toString());
+}
+
+/// What is left of a page's URL: one page is the same under each scheme, host name and query string.
+QString pathOf(const QString& page)
+{
+    return db::storable(QUrl(page, QUrl::TolerantMode).path(QUrl::FullyDecoded));
+}
+
+void bindFigures(QSqlQuery& query, const QJsonObject& row)
+{
+    query.addBindValue(row.value(u"clicks"_s).toInt());
+    query.addBindValue(row.value(u"impressions"_s).toInt());
+    query.addBindValue(row.value(u"position"_s).toDouble());
+}
+
+/// A transaction with the statements that are prepared in it. They must not die before it has ended: a
+/// statement cannot be freed inside an aborted transaction and would stay in the server.
+class Transaction
+{
+public:
+    bool begin() { return logged(m_session.transaction()); }
+    bool commit() { return logged(m_session.commit()); }
+    void rollback() { m_session.rollback(); }
+
+    QSqlQuery& prepare(const QString& statement)
+    {
+        QSqlQuery& query = m_statements.emplace_back(m_session);
+        query.prepare(statement);
+        return query;
+    }
+
+private:
+    bool logged(bool ok) const
+    {
+        if (!ok)
+            qWarning("sql: %s", qPrintable(m_session.lastError().text()));
+        return ok;
+    }
+
+    QSqlDatabase m_session = db::session();
+    std::list<QSqlQuery> m_statements; ///< a list, for their addresses to last
+};
+
+/// A deletion that fails is no reason to stop: it has spoilt the transaction, and the next insertion says so.
+void deleteDays(Transaction& transaction, const Target& target)
+{
+    for (const QString& table : {u"tarn.search_days"_s, u"tarn.search_rows"_s}) {
+        QSqlQuery& query = transaction.prepare(kDayDeletion.arg(table));
+        query.addBindValue(target.siteId);
+        query.addBindValue(target.engine);
+        query.addBindValue(target.first);
+        query.addBindValue(target.last);
+        db::exec(query);
+    }
+}
+
+bool insertDays(Transaction& transaction, const Target& target, const QJsonArray& totals)
+{
+    QSqlQuery& query = transaction.prepare(kDayInsertion);
+    return std::all_of(totals.begin(), totals.end(), [&](const QJsonValue& value) {
+        const QJsonObject day = value.toObject();
+        query.addBindValue(target.siteId);
+        query.addBindValue(target.engine);
+        query.addBindValue(keyOf(day, 0));
+        bindFigures(query, day);
+        return db::exec(query);
+    });
+}
+
+bool insertRows(Transaction& transaction, const Target& target, const QJsonArray& rows)
+{
+    QSqlQuery* query = nullptr;
+    qsizetype prepared = 0;
+    for (qsizetype start = 0; start < rows.size(); start += kRows) {
+        const qsizetype count = std::min(kRows, rows.size() - start);
+        // The statement of a full batch is bound again for each.
+        if (prepared != count)
+            query = &transaction.prepare(searchRowInsertStatement(count));
+        prepared = count;
+        for (qsizetype i = start; i < start + count; ++i) {
+            const QJsonObject row = rows.at(i).toObject();
+            query->addBindValue(target.siteId);
+            query->addBindValue(target.engine);
+            query->addBindValue(keyOf(row, 0));
+            query->addBindValue(keyOf(row, 1));
+            query->addBindValue(pathOf(keyOf(row, 2)));
+            query->addBindValue(keyOf(row, 3).toLower());
+            query->addBindValue(keyOf(row, 4).toLower());
+            bindFigures(*query, row);
+        }
+        if (!db::exec(*query))
+            return false;
+    }
+    return true;
+}
+
+bool store(const Target& target, const QJsonArray& totals, const QJsonArray& rows)
+{
+    Transaction transaction;
+    // Without one each statement would stand on its own, the deletions first of all.
+    if (!transaction.begin())
+        return false;
+    deleteDays(transaction, target);
+    if (insertDays(transaction, target, totals) && insertRows(transaction, target, rows))
+        return transaction.commit();
+    transaction.rollback();
+    return false;
+}
+
+} // namespace
+
+QString importSearchData(int siteId, const QString& engine, const QJsonObject& document, bool* ok)
+{
+    *ok = false;
+    const QJsonArray totals = document.value(u"totals"_s).toArray();
+    const QJsonArray rows = document.value(u"rows"_s).toArray();
+    if (totals.isEmpty())
+        return u"no daily totals in the data"_s;
+
+    // As texts days are in the order of time, and "9999" is behind them all.
+    Target target{.siteId = siteId, .engine = db::storable(engine), .first = u"9999"_s, .last = u""_s};
+    for (const QJsonValue& value : totals) {
+        const QString day = keyOf(value.toObject(), 0);
+        target.first = std::min(target.first, day);
+        target.last = std::max(target.last, day);
+    }
+    if (!store(target, totals, rows))
+        return u"database error while storing"_s;
+    *ok = true;
+    return u"%1 days (%2 to %3), %4 detail rows"_s.arg(QString::number(totals.size()), target.first,
+                                                       target.last, QString::number(rows.size()));
+}
+
+QString searchRowInsertStatement(qsizetype rows)
+{
+    const auto tuple =
+        u"(?, ?, CAST(? AS date), ?, ?, (SELECT alpha2 FROM tarn.country_codes WHERE alpha3 = ?), "
+        u"?, ?, ?, ?)"_s;
+    return u"INSERT INTO tarn.search_rows VALUES "_s + QStringList(rows, tuple).join(u", "_s);
+}
+
+} // namespace tarn::analytics
