@@ -1,5 +1,6 @@
 #include "support/Collector.h"
 
+#include "support/FakeHosts.h"
 #include "support/PostgresServer.h"
 
 #include <QDate>
@@ -8,7 +9,11 @@
 #include <QTextStream>
 
 #include <csignal>
+#include <cstdio>
+#include <fcntl.h>
 #include <linux/capability.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -24,12 +29,56 @@ constexpr int kLogMs = 30'000;
 /// The lowest port: nobody listens there, and only root could.
 const auto kNowhere = u"http://127.0.0.1:1"_s;
 
+/// Where Debian's OpenSSL, and Qt with it, looks certificates up by their names' hashes.
+constexpr auto kCertificates = "/etc/ssl/certs";
+/// The exit status of a child that could not be set up.
+constexpr int kNotSetUp = 126;
+
+void write(const char* path, const QByteArray& text)
+{
+    const int file = open(path, O_WRONLY | O_CLOEXEC);
+    if (file < 0 || ::write(file, text.constData(), static_cast<size_t>(text.size())) != text.size())
+        perror(path);
+    close(file);
+}
+
+/// Puts @p folder in the place of the system's certificates, for the calling process and its children alone.
+bool hideCertificates(const char* folder)
+{
+    if (geteuid() == 0) {
+        if (unshare(CLONE_NEWNS) != 0)
+            return false;
+    } else {
+        // An ordinary user may mount in a namespace where it rules, and where it is still known as itself.
+        const QByteArray user = QByteArray::number(geteuid());
+        const QByteArray group = QByteArray::number(getegid());
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return false;
+        write("/proc/self/setgroups", "deny");
+        write("/proc/self/uid_map", user + ' ' + user + " 1");
+        write("/proc/self/gid_map", group + ' ' + group + " 1");
+    }
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+           && mount(folder, kCertificates, nullptr, MS_BIND, nullptr) == 0;
+}
+
+/// What a child does before it becomes the collector; @p authorityFolder is empty for the system's.
+void setUp(const QByteArray& authorityFolder, bool obeysFileModes)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!authorityFolder.isEmpty() && !hideCertificates(authorityFolder.constData())) {
+        perror("a mount namespace of its own");
+        _exit(kNotSetUp);
+    }
+    if (obeysFileModes) {
+        prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+        prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+    }
+}
+
 } // namespace
 
-Collector::Collector()
-{
-    m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
-}
+Collector::Collector() = default;
 
 Collector::~Collector()
 {
@@ -38,11 +87,23 @@ Collector::~Collector()
 
 void Collector::obeyFileModes()
 {
-    m_process.setChildProcessModifier([] {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
-        prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
-    });
+    m_obeysFileModes = true;
+}
+
+void Collector::trust(const FakeHosts& hosts)
+{
+    m_authorityFolder = hosts.authorityFolder().toLocal8Bit();
+    environment[u"https_proxy"_s] = hosts.proxyUrl();
+    environment[u"no_proxy"_s] = QString();
+
+    QProcess probe;
+    probe.setChildProcessModifier([folder = m_authorityFolder] { setUp(folder, false); });
+    probe.start(u"true"_s, QStringList());
+    if (!probe.waitForFinished(kExitMs) || probe.exitCode() != 0) {
+        qFatal("this kernel or container gives a test no certificates of its own; run as root, or allow "
+               "user namespaces (sysctl kernel.unprivileged_userns_clone=1): %s",
+               probe.readAllStandardError().constData());
+    }
 }
 
 QString Collector::useNewDatabase(PostgresServer& server)
@@ -90,6 +151,8 @@ void Collector::startWith(const QStringList& arguments)
     for (auto it = environment.cbegin(); it != environment.cend(); ++it)
         variables.insert(it.key(), it.value());
     m_process.setProcessEnvironment(variables);
+    m_process.setChildProcessModifier(
+        [folder = m_authorityFolder, obeys = m_obeysFileModes] { setUp(folder, obeys); });
     m_process.start(QStringLiteral(TARN_COLLECT_BINARY), arguments);
     if (!m_process.waitForStarted())
         qFatal("cannot start %s", TARN_COLLECT_BINARY);

@@ -8,6 +8,7 @@
 
 namespace tarn::test {
 
+class FakeHosts;
 class PostgresServer;
 
 class Collector
@@ -29,6 +30,11 @@ public:
     /// Run as somebody whom file modes bind, also where the tests run as root. To be set before it is
     /// started.
     void obeyFileModes();
+    /// Has its requests answered by @p hosts, whose certificates are the only ones that it believes: it gets
+    /// a mount namespace of its own, in which they stand in the system's place. The fake answers while the
+    /// test's event loop runs, as in waitForLog() and QTRY_*. To be called before the collector is started;
+    /// ends the test program where the kernel refuses such namespaces.
+    void trust(const FakeHosts& hosts);
 
     /// Starts it with `--config` and a file of @ref settings.
     void start();
@@ -57,6 +63,8 @@ public:
 private:
     QTemporaryDir m_folder;
     QProcess m_process;
+    bool m_obeysFileModes = false;
+    QByteArray m_authorityFolder; ///< empty: the system's
     QByteArray m_errors;
     QByteArray m_output;
 };

@@ -1,0 +1,347 @@
+#include "support/FakeHosts.h"
+
+#include <QDir>
+#include <QFile>
+#include <QNetworkProxy>
+#include <QProcess>
+#include <QSslConfiguration>
+#include <QSslSocket>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::test {
+
+namespace {
+
+constexpr int kProgramMs = 60'000;
+constexpr qsizetype kChunkBytes = 1'000;
+
+/// What Qt's client sends with every request.
+constexpr std::array<QByteArrayView, 6> kUsualHeaders = {
+    "host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"};
+
+bool isUsual(const QByteArray& name)
+{
+    return std::find(kUsualHeaders.begin(), kUsualHeaders.end(), name.toLower()) != kUsualHeaders.end();
+}
+
+QByteArray contents(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& text)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
+}
+
+/// Takes a whole request off the front of @p buffer; false while there is none.
+bool takeRequest(QByteArray& buffer, FakeHosts::Request& request)
+{
+    const qsizetype end = buffer.indexOf("\r\n\r\n");
+    if (end < 0)
+        return false;
+    const QList<QByteArray> lines = buffer.first(end).split('\n');
+    FakeHosts::Request found;
+    const QList<QByteArray> words = lines.first().trimmed().split(' ');
+    found.method = words.value(0);
+    found.target = words.value(1);
+    for (const QByteArray& line : lines.sliced(1)) {
+        const qsizetype colon = line.indexOf(':');
+        found.headers.append({line.first(std::max<qsizetype>(colon, 0)), line.mid(colon + 1).trimmed()});
+    }
+    const qsizetype length = found.header("Content-Length").toLongLong();
+    if (buffer.size() < end + 4 + length)
+        return false;
+    found.body = buffer.sliced(end + 4, length);
+    buffer = buffer.sliced(end + 4 + length);
+    request = found;
+    return true;
+}
+
+QByteArray inChunks(const QByteArray& body)
+{
+    QByteArray chunks;
+    for (qsizetype start = 0; start < body.size(); start += kChunkBytes) {
+        const QByteArray chunk = body.mid(start, kChunkBytes);
+        chunks += QByteArray::number(chunk.size(), 16) + "\r\n" + chunk + "\r\n";
+    }
+    return chunks + "0\r\n\r\n";
+}
+
+} // namespace
+
+/// A client: what it has sent and has not been answered yet, and whom it believes to be talking to.
+struct FakeHosts::Connection
+{
+    QByteArray buffer;
+    QByteArray host; ///< empty until it has asked for a tunnel
+};
+
+QByteArray FakeHosts::Request::header(const QByteArray& name) const
+{
+    const auto found = std::find_if(headers.begin(), headers.end(), [&name](const auto& entry) {
+        return entry.first.compare(name, Qt::CaseInsensitive) == 0;
+    });
+    return found == headers.end() ? QByteArray() : found->second;
+}
+
+QByteArray FakeHosts::Request::text() const
+{
+    QByteArray text = method + " https://" + host + target + '\n';
+    for (const auto& [name, value] : headers) {
+        if (!isUsual(name))
+            text += name + ": " + value + '\n';
+    }
+    return text + '\n' + body;
+}
+
+FakeHosts::FakeHosts() = default;
+
+FakeHosts::~FakeHosts()
+{
+    reset();
+}
+
+bool FakeHosts::start(const QStringList& hosts)
+{
+    m_hosts = hosts;
+    return makeCertificates(hosts) && listen(QHostAddress::LocalHost);
+}
+
+bool FakeHosts::openssl(const QStringList& arguments, QByteArray* output) const
+{
+    QProcess program;
+    program.setWorkingDirectory(m_folder.path());
+    program.start(u"openssl"_s, arguments);
+    const bool ended = program.waitForFinished(kProgramMs);
+    if (!ended || program.exitCode() != 0) {
+        qWarning("openssl failed: %s %s", qPrintable(program.errorString()),
+                 program.readAllStandardError().constData());
+        return false;
+    }
+    if (output)
+        *output = program.readAllStandardOutput();
+    return true;
+}
+
+bool FakeHosts::makeCertificates(const QStringList& hosts)
+{
+    const QStringList newKey = {u"-newkey"_s, u"ec"_s, u"-pkeyopt"_s, u"ec_paramgen_curve:prime256v1"_s,
+                                u"-nodes"_s};
+    const QByteArray names = "subjectAltName=DNS:" + hosts.join(u",DNS:"_s).toLatin1() + '\n';
+    const bool made =
+        writeFile(m_folder.filePath(u"names"_s), names)
+        && openssl(QStringList{u"req"_s, u"-x509"_s, u"-subj"_s, u"/CN=tarn test authority"_s, u"-days"_s,
+                               u"2"_s, u"-keyout"_s, u"authority.key"_s, u"-out"_s, u"authority.pem"_s}
+                   + newKey)
+        && openssl(QStringList{u"req"_s, u"-subj"_s, u"/CN=tarn test host"_s, u"-keyout"_s, u"host.key"_s,
+                               u"-out"_s, u"host.csr"_s}
+                   + newKey)
+        && openssl({u"x509"_s, u"-req"_s, u"-in"_s, u"host.csr"_s, u"-CA"_s, u"authority.pem"_s, u"-CAkey"_s,
+                    u"authority.key"_s, u"-CAcreateserial"_s, u"-days"_s, u"2"_s, u"-extfile"_s, u"names"_s,
+                    u"-out"_s, u"host.pem"_s});
+    QByteArray hash;
+    if (!made
+        || !openssl({u"x509"_s, u"-in"_s, u"authority.pem"_s, u"-noout"_s, u"-subject_hash"_s}, &hash)) {
+        return false;
+    }
+    QDir().mkpath(authorityFolder());
+    QFile::copy(authorityFile(), authorityFolder() + u'/' + QString::fromLatin1(hash.trimmed()) + u".0"_s);
+    m_certificate = QSslCertificate(contents(m_folder.filePath(u"host.pem"_s)));
+    m_key = QSslKey(contents(m_folder.filePath(u"host.key"_s)), QSsl::Ec);
+    return !m_certificate.isNull() && !m_key.isNull();
+}
+
+QString FakeHosts::proxyUrl() const
+{
+    return u"http://127.0.0.1:%1"_s.arg(serverPort());
+}
+
+QString FakeHosts::authorityFile() const
+{
+    return m_folder.filePath(u"authority.pem"_s);
+}
+
+QString FakeHosts::authorityFolder() const
+{
+    return m_folder.filePath(u"trusted"_s);
+}
+
+void FakeHosts::capture() const
+{
+    capture(serverPort(), authorityFile());
+}
+
+void FakeHosts::capture(quint16 port, const QString& authorityFile)
+{
+    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, u"127.0.0.1"_s, port});
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setCaCertificates(QSslCertificate::fromPath(authorityFile));
+    QSslConfiguration::setDefaultConfiguration(configuration);
+}
+
+void FakeHosts::release()
+{
+    QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::DefaultProxy));
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setCaCertificates(QSslConfiguration::systemCaCertificates());
+    QSslConfiguration::setDefaultConfiguration(configuration);
+}
+
+void FakeHosts::expect(const QByteArray& request, const Reply& reply)
+{
+    m_expected.append({request, reply});
+}
+
+bool FakeHosts::expectFile(const QString& path, const QMap<QByteArray, QByteArray>& values)
+{
+    QByteArray script = '\n' + contents(path);
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        script.replace('@' + it.key() + '@', it.value());
+    qsizetype start = script.indexOf("\n=> ");
+    if (start < 0)
+        qWarning("no exchanges in %s", qPrintable(path));
+    const bool any = start >= 0;
+    while (start >= 0) {
+        const qsizetype answer = script.indexOf("\n<= ", start);
+        if (answer < 0) {
+            qWarning("no answer to the last request in %s", qPrintable(path));
+            return false;
+        }
+        const qsizetype next = script.indexOf("\n=> ", answer);
+        QByteArray request = script.first(answer).sliced(start + 4);
+        if (!request.contains("\n\n")) // without a body
+            request += "\n\n";
+        const QByteArray reply = script.first(next < 0 ? script.size() : next).sliced(answer + 4);
+        const qsizetype body = reply.indexOf('\n') + 1;
+        expect(request, {.status = reply.first(body > 0 ? body - 1 : reply.size()).toInt(),
+                         .body = body > 0 ? reply.sliced(body).trimmed() : QByteArray()});
+        start = next;
+    }
+    return any;
+}
+
+QStringList FakeHosts::complaints() const
+{
+    QStringList all = m_complaints;
+    for (const Exchange& exchange : m_expected)
+        all.append(u"expected and never asked: "_s + QString::fromUtf8(exchange.request));
+    return all;
+}
+
+void FakeHosts::reset()
+{
+    const QList<QSslSocket*> sockets = findChildren<QSslSocket*>();
+    for (QSslSocket* socket : sockets) {
+        socket->disconnect(this);
+        socket->abort();
+        delete socket;
+    }
+    m_expected.clear();
+    m_requests.clear();
+    m_complaints.clear();
+    m_answerer = nullptr;
+}
+
+void FakeHosts::complain(const QString& text)
+{
+    m_complaints.append(text);
+}
+
+void FakeHosts::incomingConnection(qintptr descriptor)
+{
+    auto* socket = new QSslSocket(this);
+    // The proxy that capture() sets is for clients.
+    socket->setProxy(QNetworkProxy::NoProxy);
+    socket->setSocketDescriptor(descriptor);
+    const auto connection = std::make_shared<Connection>();
+    connect(socket, &QSslSocket::readyRead, this, [this, socket, connection] { read(socket, *connection); });
+    connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
+}
+
+void FakeHosts::read(QSslSocket* socket, Connection& connection)
+{
+    connection.buffer += socket->readAll();
+    if (connection.host.isEmpty()) {
+        tunnel(socket, connection);
+        return;
+    }
+    Request request;
+    while (takeRequest(connection.buffer, request)) {
+        request.host = connection.host;
+        m_requests.append(request);
+        respond(socket, request);
+    }
+}
+
+void FakeHosts::tunnel(QSslSocket* socket, Connection& connection)
+{
+    Request request;
+    if (!takeRequest(connection.buffer, request))
+        return;
+    const QByteArray host = request.target.first(std::max<qsizetype>(request.target.indexOf(':'), 0));
+    if (request.method != "CONNECT" || !request.target.endsWith(":443")
+        || !m_hosts.contains(QString::fromLatin1(host))) {
+        complain(u"the proxy was asked for: "_s + QString::fromUtf8(request.method + ' ' + request.target));
+        socket->write("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        socket->disconnectFromHost();
+        return;
+    }
+    connection.host = host;
+    socket->write("HTTP/1.1 200 Connection established\r\n\r\n");
+    socket->flush();
+    socket->setLocalCertificate(m_certificate);
+    socket->setPrivateKey(m_key);
+    socket->startServerEncryption();
+}
+
+FakeHosts::Reply FakeHosts::replyTo(const Request& request)
+{
+    if (request.header("Host") != request.host)
+        complain(u"the header Host says: "_s + QString::fromUtf8(request.header("Host")));
+    if (m_expected.isEmpty()) {
+        if (m_answerer)
+            return m_answerer(request);
+        complain(u"asked and not expected: "_s + QString::fromUtf8(request.text()));
+        return {.status = 501, .body = "not expected"};
+    }
+    const Exchange exchange = m_expected.takeFirst();
+    if (request.text() != exchange.request) {
+        complain(u"asked:\n%1\nexpected:\n%2"_s.arg(QString::fromUtf8(request.text()),
+                                                    QString::fromUtf8(exchange.request)));
+    }
+    return exchange.reply;
+}
+
+void FakeHosts::respond(QSslSocket* socket, const Request& request)
+{
+    const Reply reply = replyTo(request);
+    if (reply.delivery == Delivery::Stalled)
+        return;
+    if (reply.delivery == Delivery::CutAtOnce) {
+        socket->abort();
+        return;
+    }
+    const bool chunked = reply.delivery == Delivery::Chunked;
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(reply.status) + " Scripted\r\n";
+    for (const auto& [name, value] : reply.headers)
+        head += name + ": " + value + "\r\n";
+    head += chunked ? QByteArray("Transfer-Encoding: chunked")
+                    : "Content-Length: " + QByteArray::number(reply.body.size());
+    socket->write(head + "\r\n\r\n");
+    if (reply.delivery == Delivery::CutInBody || reply.delivery == Delivery::StalledBody)
+        socket->write(reply.body.first(reply.body.size() / 2));
+    else
+        socket->write(chunked ? inChunks(reply.body) : reply.body);
+    if (reply.delivery == Delivery::CutInBody)
+        socket->disconnectFromHost();
+}
+
+} // namespace tarn::test
