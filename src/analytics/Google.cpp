@@ -1,0 +1,408 @@
+#include "analytics/Google.h"
+
+#include "analytics/SearchImport.h"
+#include "common/Db.h"
+
+#include <QEventLoop>
+#include <QHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QList>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPair>
+#include <QSettings>
+#include <QSqlQuery>
+#include <QStringList>
+#include <QUrl>
+#include <QVariant>
+
+#include <memory>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::analytics::google {
+
+namespace {
+
+/// A transfer that does not move for so long is given up.
+constexpr int kTimeoutMs = 60'000;
+
+/// A body that unpacks to less is taken, however well it was packed: rows that differ in little, as those of
+/// one page's queries do, look to the network library like an attack.
+constexpr qint64 kUnpackedBytes = 67'108'864;
+
+/// Rows to a page, the most that Google gives; a page with fewer is the last.
+constexpr int kPageRows = 25'000;
+/// All detail rows of a site are in memory before they are stored.
+constexpr int kMaxRows = 1'000'000;
+
+constexpr int kFirstMonths = 16;
+constexpr int kAgainDays = 10;
+
+constexpr auto kDomainPrefix = "sc-domain:"_L1;
+constexpr auto kFormType = "application/x-www-form-urlencoded";
+
+const auto kScopes = u"openid email https://www.googleapis.com/auth/webmasters.readonly"_s;
+const auto kAuthUrl = u"https://accounts.google.com/o/oauth2/v2/auth"_s;
+const QUrl kTokenUrl(u"https://oauth2.googleapis.com/token"_s);
+const QUrl kRevokeUrl(u"https://oauth2.googleapis.com/revoke"_s);
+const auto kApi = u"https://www.googleapis.com/webmasters/v3/sites"_s;
+
+const auto kSites = u"SELECT p.site_id, p.property, s.host, (SELECT max(day) FROM tarn.search_days d  "
+                    "WHERE d.site_id = p.site_id AND d.engine = 'google') FROM tarn.search_properties p JOIN "
+                    "tarn.sites s ON s.id = p.site_id "
+                    "WHERE p.engine = 'google' ORDER BY s.host"_s;
+
+/// The outcome of an exchange over HTTP.
+struct Reply
+{
+    int status = 0;   ///< 0 when there was no response
+    QJsonObject json; ///< the body; empty when it is no JSON object
+    QString error;    ///< why it failed, else empty
+};
+
+/// A site and what it is called at Google.
+struct Site
+{
+    int id;
+    QString property;
+    QString host;
+    QDate lastStored; ///< invalid when nothing is
+};
+
+/// Runs @p statement with @p values; the result is read before anything waits for the network.
+QSqlQuery run(const QString& statement, const QStringList& values = {})
+{
+    QSqlQuery query;
+    query.prepare(statement);
+    for (const QString& value : values)
+        query.addBindValue(db::storable(value));
+    db::exec(query);
+    return query;
+}
+
+/// What a failed request is to be called: Google's own words, in the form of its APIs or in that of OAuth,
+/// else the network library's.
+QString reasonOf(const QJsonObject& json, const QString& fallback)
+{
+    const QJsonValue error = json.value(u"error"_s);
+    QString reason = error.isObject() ? error.toObject().value(u"message"_s).toString()
+                                      : json.value(u"error_description"_s).toString();
+    return reason.isEmpty() ? fallback : reason;
+}
+
+/// One request and its answer, a redirect not being one: where it leads, what it carries has no business.
+Reply call(const QByteArray& verb, const QUrl& url, const QByteArray& body, const QByteArray& contentType,
+           const QString& bearer)
+{
+    QNetworkRequest request(url);
+    request.setTransferTimeout(kTimeoutMs);
+    request.setDecompressedSafetyCheckThreshold(kUnpackedBytes);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    // Nothing is gained from it with a connection for each request.
+    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
+    if (!contentType.isEmpty())
+        request.setHeader(QNetworkRequest::ContentTypeHeader, contentType);
+    if (!bearer.isEmpty()) {
+        // The network library sends line ends as they are, and what follows as headers.
+        QByteArray token = bearer.toLatin1();
+        token.removeIf([](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+        request.setRawHeader("Authorization", "Bearer " + token);
+    }
+
+    // One of its own: a manager keeps connections, and a request on one that has died meanwhile is sent
+    // twice.
+    QNetworkAccessManager manager;
+    const std::unique_ptr<QNetworkReply> answer(manager.sendCustomRequest(request, verb, body));
+    QEventLoop loop;
+    QObject::connect(answer.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+
+    Reply reply;
+    reply.status = answer->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (!answer->isFinished()) { // the process is told to end
+        reply.error = u"interrupted"_s;
+    } else if (reply.status >= 300 && reply.status < 400) {
+        reply.error = u"the server answered with a redirect (HTTP status %1)"_s.arg(reply.status);
+    } else {
+        if (answer->isReadable()) // not when it was given up
+            reply.json = QJsonDocument::fromJson(answer->readAll()).object();
+        if (answer->error() != QNetworkReply::NoError)
+            reply.error = reasonOf(reply.json, answer->errorString());
+    }
+    return reply;
+}
+
+/// Names and values as the body of a form, or as the query of a URL. Each is encoded by itself: a plus sign,
+/// a percent sign or an ampersand of a value stays what it is.
+QByteArray form(const QList<QPair<QString, QString>>& items)
+{
+    QByteArrayList pairs;
+    for (const auto& [name, value] : items)
+        pairs.append(QUrl::toPercentEncoding(name) + '=' + QUrl::toPercentEncoding(value));
+    return pairs.join('&');
+}
+
+QString storedRefreshToken()
+{
+    QSqlQuery query = run(u"SELECT refresh_token FROM tarn.engine_accounts WHERE engine = 'google'"_s);
+    return query.next() ? query.value(0).toString() : QString();
+}
+
+/// Notes how a synchronisation ended, for the panel.
+void record(const QString& result)
+{
+    run(u"UPDATE tarn.engine_accounts SET last_sync_at = now(), last_result = ? WHERE engine = 'google'"_s,
+        {result});
+}
+
+/// Whose account an ID token ("header.payload.signature", each in URL-safe base64) tells of; empty when it
+/// cannot be read. It came from Google itself over TLS: there is no need to verify its signature.
+QString emailOf(const QString& idToken)
+{
+    const QByteArray payload = idToken.toLatin1().split('.').value(1);
+    const QByteArray json = QByteArray::fromBase64(payload, QByteArray::Base64UrlEncoding);
+    return QJsonDocument::fromJson(json).object().value(u"email"_s).toString();
+}
+
+QString withoutWww(const QString& host)
+{
+    return host.startsWith("www."_L1) ? host.sliced(4) : host;
+}
+
+/// The host name that a property is matched by: that of "sc-domain:example.org" or
+/// "https://www.example.org/shop/".
+QString hostOf(const QString& property)
+{
+    const QString host = property.startsWith(kDomainPrefix) ? property.sliced(kDomainPrefix.size())
+                                                            : QUrl(property, QUrl::TolerantMode).host();
+    return withoutWww(host.toLower());
+}
+
+/// The properties of a list as Google gives it, by host name. A domain property, which covers every scheme
+/// and path, goes before the URLs of the same host; of these the first is taken.
+QHash<QString, QString> bestProperties(const QJsonArray& entries)
+{
+    QHash<QString, QString> best;
+    for (const QJsonValue& entry : entries) {
+        const QString property = entry[u"siteUrl"].toString();
+        if (entry[u"permissionLevel"].toString() == "siteUnverifiedUser"_L1)
+            continue;
+        const QString host = hostOf(property);
+        if (!best.contains(host) || property.startsWith(kDomainPrefix))
+            best.insert(host, property);
+    }
+    return best;
+}
+
+/// Notes for each site the property of the account that it matches. Sites that match none keep what they
+/// have. Empty on success, else why the properties could not be listed.
+QString mapProperties(const QString& accessToken)
+{
+    const Reply reply = call("GET", QUrl(kApi), {}, {}, accessToken);
+    if (!reply.error.isEmpty())
+        return reply.error;
+
+    const QHash<QString, QString> best = bestProperties(reply.json.value(u"siteEntry"_s).toArray());
+    QSqlQuery sites = run(u"SELECT id, host FROM tarn.sites"_s);
+    while (sites.next()) {
+        const QString property = best.value(withoutWww(sites.value(1).toString()));
+        if (property.isEmpty())
+            continue;
+        QSqlQuery query;
+        query.prepare(u"INSERT INTO tarn.search_properties VALUES (?, 'google', ?) "
+                      "ON CONFLICT (site_id, engine) DO UPDATE SET property = excluded.property"_s);
+        query.addBindValue(sites.value(0).toInt());
+        query.addBindValue(db::storable(property));
+        db::exec(query);
+    }
+    return {};
+}
+
+/// An access token for the stored refresh token; empty when there is none. Whether there is one or not, @p
+/// error tells what Google had to say against it.
+QString accessToken(const Client& client, QString* error)
+{
+    const Reply reply = call("POST", kTokenUrl,
+                             form({
+                                 {u"client_id"_s,     client.id           },
+                                 {u"client_secret"_s, client.secret       },
+                                 {u"refresh_token"_s, storedRefreshToken()},
+                                 {u"grant_type"_s,    u"refresh_token"_s  }
+    }),
+                             kFormType, {});
+    if (!reply.error.isEmpty())
+        *error = u"Google refused the stored sign-in (%1). Connect again."_s.arg(reply.error);
+    return reply.json.value(u"access_token"_s).toString();
+}
+
+/// One page of a property's figures, from row @p startRow on.
+Reply query(const QString& token, const QString& property, const Window& window,
+            const QStringList& dimensions, int startRow)
+{
+    const QJsonObject body{
+        {u"startDate"_s,  window.from.toString(Qt::ISODate)     },
+        {u"endDate"_s,    window.to.toString(Qt::ISODate)       },
+        {u"dimensions"_s, QJsonArray::fromStringList(dimensions)},
+        {u"rowLimit"_s,   kPageRows                             },
+        {u"startRow"_s,   startRow                              },
+        {u"dataState"_s,  u"all"_s                              }
+    };
+    const QString path = QString::fromLatin1(QUrl::toPercentEncoding(property));
+    return call("POST", QUrl(kApi + u'/' + path + u"/searchAnalytics/query"_s, QUrl::StrictMode),
+                QJsonDocument(body).toJson(QJsonDocument::Compact), "application/json", token);
+}
+
+/// All detail rows of a property. A page that fails ends them: what came before it is worth having.
+QJsonArray detailRows(const QString& token, const QString& property, const Window& window)
+{
+    static const QStringList dimensions = {u"date"_s, u"query"_s, u"page"_s, u"country"_s, u"device"_s};
+    QJsonArray rows;
+    for (int start = 0; start < kMaxRows; start += kPageRows) {
+        const QJsonArray page =
+            query(token, property, window, dimensions, start).json.value(u"rows"_s).toArray();
+        for (const QJsonValue& row : page)
+            rows.append(row);
+        if (page.size() < kPageRows)
+            break;
+    }
+    return rows;
+}
+
+/// Brings one site up to date; what became of it.
+QString syncSite(const QString& token, const Site& site)
+{
+    const Window window = windowFor(site.lastStored, QDate::currentDate());
+    const Reply totals = query(token, site.property, window, {u"date"_s}, 0);
+    if (!totals.error.isEmpty())
+        return totals.error;
+    const QJsonArray rows = detailRows(token, site.property, window);
+    const QJsonArray days = totals.json.value(u"rows"_s).toArray();
+    if (days.isEmpty())
+        return u"no new data"_s;
+    bool ok = false;
+    return importSearchData(site.id, u"google"_s,
+                            {
+                                {u"totals"_s, days},
+                                {u"rows"_s,   rows}
+    },
+                            &ok);
+}
+
+/// Read to the end at once: while a request is waited for, a timer may reconnect the session.
+QList<Site> mappedSites()
+{
+    QList<Site> sites;
+    QSqlQuery query = run(kSites);
+    while (query.next()) {
+        sites.append({query.value(0).toInt(), query.value(1).toString(), query.value(2).toString(),
+                      query.value(3).toDate()});
+    }
+    return sites;
+}
+
+} // namespace
+
+Client clientFrom(const QSettings& settings)
+{
+    const QString base = settings.value(u"web/public_url"_s, u"http://localhost:8095"_s).toString();
+    return {.id = settings.value(u"google/client_id"_s).toString().trimmed(),
+            .secret = settings.value(u"google/client_secret"_s).toString().trimmed(),
+            .redirectUri = base + u"/oauth/google/callback"_s};
+}
+
+QString authUrl(const Client& client, const QString& state)
+{
+    return kAuthUrl + u'?'
+           + QString::fromLatin1(form({
+               {u"client_id"_s,     client.id         },
+               {u"redirect_uri"_s,  client.redirectUri},
+               {u"response_type"_s, u"code"_s         },
+               {u"scope"_s,         kScopes           },
+               {u"access_type"_s,   u"offline"_s      },
+               {u"prompt"_s,        u"consent"_s      },
+               {u"state"_s,         state             }
+    }));
+}
+
+QString connect(const Client& client, const QString& code)
+{
+    const Reply reply = call("POST", kTokenUrl,
+                             form({
+                                 {u"code"_s,          code                   },
+                                 {u"client_id"_s,     client.id              },
+                                 {u"client_secret"_s, client.secret          },
+                                 {u"redirect_uri"_s,  client.redirectUri     },
+                                 {u"grant_type"_s,    u"authorization_code"_s}
+    }),
+                             kFormType, {});
+    if (!reply.error.isEmpty())
+        return reply.error;
+    const QString refresh = reply.json.value(u"refresh_token"_s).toString();
+    if (refresh.isEmpty())
+        return u"Google did not return a refresh token"_s;
+
+    const bool stored = [&] {
+        QSqlQuery query;
+        query.prepare(u"INSERT INTO tarn.engine_accounts (engine, account_email, refresh_token) "
+                      "VALUES ('google', ?, ?) ON CONFLICT (engine) DO UPDATE SET account_email = "
+                      "excluded.account_email, refresh_token = excluded.refresh_token, connected_at = now(), "
+                      "last_result = NULL"_s);
+        query.addBindValue(db::storable(emailOf(reply.json.value(u"id_token"_s).toString())));
+        query.addBindValue(db::storable(refresh));
+        return db::exec(query);
+    }();
+    if (!stored)
+        return u"could not store the connection"_s;
+    return mapProperties(reply.json.value(u"access_token"_s).toString());
+}
+
+void disconnect()
+{
+    const QString refresh = storedRefreshToken();
+    // Best effort: what Google does not hear of now, the administrator can revoke there.
+    if (!refresh.isEmpty())
+        call("POST", kRevokeUrl,
+             form({
+                 {u"token"_s, refresh}
+        }),
+             kFormType, {});
+    run(u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s);
+    run(u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s);
+}
+
+QString sync(const Client& client)
+{
+    if (!client.configured() || storedRefreshToken().isEmpty())
+        return u"not connected"_s;
+    QString error;
+    const QString token = accessToken(client, &error);
+    if (!token.isEmpty())
+        error = mapProperties(token);
+    if (token.isEmpty() || !error.isEmpty()) {
+        record(error);
+        return error;
+    }
+
+    const QList<Site> sites = mappedSites();
+    if (!sites.isEmpty())
+        qInfo("collect: google: synchronising %d sites", static_cast<int>(sites.size()));
+    QStringList results;
+    for (const Site& site : sites)
+        results.append(site.host + u": "_s + syncSite(token, site));
+    const QString result =
+        results.isEmpty() ? u"no Search Console property matches a site here"_s : results.join(u"; "_s);
+    record(result);
+    return result;
+}
+
+Window windowFor(QDate lastStored, QDate today)
+{
+    return {.from = lastStored.isValid() ? lastStored.addDays(-kAgainDays) : today.addMonths(-kFirstMonths),
+            .to = today};
+}
+
+} // namespace tarn::analytics::google

@@ -1,0 +1,58 @@
+// The one connection of this installation to Google Search Console: made and ended for the panel, used by the
+// collector to fetch each site's search figures. Storing the figures is importSearchData()'s; the connection
+// itself is the row 'google' of tarn.engine_accounts.
+//
+// Uses the default database session, never with a transaction open. Each request blocks its caller in a local
+// event loop, so that timers and notifications are served meanwhile. Main thread only.
+#pragma once
+
+#include <QDate>
+#include <QString>
+
+class QSettings;
+
+namespace tarn::analytics::google {
+
+/// How Google knows this installation (Google Cloud console, "OAuth 2.0 client" of type web application).
+struct Client
+{
+    QString id;
+    QString secret;
+    QString redirectUri; ///< where Google sends the administrator back to, as registered with the client
+
+    bool configured() const { return !id.isEmpty() && !secret.isEmpty(); }
+};
+
+/// The days that are asked for, both included.
+struct Window
+{
+    QDate from;
+    QDate to;
+};
+
+/// Reads `google/client_id`, `google/client_secret` and `web/public_url`.
+Client clientFrom(const QSettings& settings);
+
+/// The address of Google's consent screen. @p state comes back unchanged with the administrator, next to the
+/// code that connect() wants.
+QString authUrl(const Client& client, const QString& state);
+
+/// Exchanges the authorization @p code for a refresh token, stores it in place of an earlier one, and maps
+/// the properties of the account to sites. Empty on success, else the reason; when only the mapping failed,
+/// the connection is stored all the same.
+QString connect(const Client& client, const QString& code);
+
+/// Forgets the connection and the mapping, here and, if it can be reached, at Google. Imported figures are
+/// kept.
+void disconnect();
+
+/// Brings the figures of every mapped site up to date. The line that it returns, one entry per site, is also
+/// stored as the connection's last result; "not connected" is not.
+QString sync(const Client& client);
+
+/// What sync() asks for on the day @p today: 16 months at first, then from ten days before @p lastStored,
+/// since Google corrects its latest figures for some days. An invalid @p lastStored means that nothing is
+/// stored.
+Window windowFor(QDate lastStored, QDate today);
+
+} // namespace tarn::analytics::google
