@@ -1,5 +1,7 @@
 // The collector: start-up, timers, and the jobs that are private to it.
 
+#include "analytics/GeoIp.h"
+#include "analytics/Google.h"
 #include "analytics/Ingest.h"
 #include "common/Config.h"
 #include "common/Db.h"
@@ -32,6 +34,9 @@ constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
 
 /// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs.
 constexpr qint64 kSliceBytes = 8'388'608;
+
+/// Read once at start; other settings of the connection to Google need a restart.
+tarn::analytics::google::Client g_google;
 
 /// The rows that @p statement yields, which has no values to bind. None, and a line in the log, when it
 /// fails.
@@ -170,23 +175,58 @@ void removeOldHits()
     qInfo("collect: removed %d raw hits older than %d days", removal.numRowsAffected(), days);
 }
 
-/// Rolls every site's hits up, and does the daily work on the first call of a day.
-void maintain()
+/// Brings the search figures up to date, if the settings file has what Google wants to know.
+void syncSearch()
 {
-    static QDate lastDailyPass;
-    const QDate today = QDate::currentDate();
+    if (!g_google.configured())
+        return;
+    const QString result = tarn::analytics::google::sync(g_google);
+    qInfo("collect: google: %s", qPrintable(result));
+}
+
+void updateCountries()
+{
+    if (!tarn::analytics::geoIpIsStale())
+        return;
+    bool ok = false;
+    const QString result = tarn::analytics::updateGeoIp({}, &ok);
+    qInfo("collect: geoip: %s", qPrintable(result));
+}
+
+/// The maintenance pass of the day @p today: rolls every site's hits up, and does the daily work unless @p
+/// lastDailyPass says that this day has seen it.
+void maintainOn(QDate today, QDate& lastDailyPass)
+{
+    const bool daily = lastDailyPass != today;
     QSet<QDate> days = {today};
-    if (lastDailyPass != today)
+    if (daily)
         days.insert(today.addDays(-1)); // for the hits of its last minutes
 
     QSqlQuery sites = rowsOf(u"SELECT id FROM tarn.sites"_s);
     while (sites.next())
         Ingest::rollup(sites.value(0).toInt(), days);
 
-    if (lastDailyPass == today)
+    if (!daily)
         return;
+    // Noted first: what fails is tried again tomorrow, not every 30 seconds. And both of the waits below let
+    // the timer of this function run.
     lastDailyPass = today;
     removeOldHits();
+    syncSearch();
+    updateCountries();
+}
+
+void maintain()
+{
+    static QDate lastDailyPass;
+    maintainOn(QDate::currentDate(), lastDailyPass);
+}
+
+/// What another program of the suite asks for, instead of waiting for the timer.
+void handleNotification(const QString& channel)
+{
+    if (channel == "tarn_sync"_L1)
+        syncSearch();
 }
 
 /// What the timers of health and usage run until those jobs are there.
@@ -248,9 +288,12 @@ int main(int argc, char** argv)
     start(logTimer, kLogInterval, [&ingest] { followLogs(ingest); });
     followLogs(ingest);
 
+    g_google = tarn::analytics::google::clientFrom(settings);
+
     QSqlDriver* driver = tarn::db::session().driver();
     driver->subscribeToNotification(u"tarn_sync"_s);
     driver->subscribeToNotification(u"tarn_usage"_s);
+    QObject::connect(driver, &QSqlDriver::notification, driver, handleNotification);
 
     QTimer usageTimer;
     start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())), kNoJob);
