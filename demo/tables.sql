@@ -71,6 +71,11 @@ SELECT source_kind AS kind, pg_temp.cut(source, 32) AS source, pg_temp.cut(searc
 FROM hits_shown WHERE is_view AND source <> ''
 GROUP BY source_kind, source, search_terms ORDER BY 4 DESC, 1, 2, 3 LIMIT 15;
 
+\echo Countries
+SELECT value AS country, hits AS "page views", visitors,
+       pg_temp.share(hits, sum(hits) OVER ()) AS share
+FROM values_shown WHERE dimension = 'country' ORDER BY hits DESC, value LIMIT 12;
+
 \echo Clients of people
 WITH ranked AS (
     SELECT dimension, value, hits,
