@@ -1,6 +1,7 @@
 #include "analytics/GeoIp.h"
 #include "analytics/Ingest.h"
 #include "common/Db.h"
+#include "support/FakeHosts.h"
 #include "support/PostgresServer.h"
 
 #include <QElapsedTimer>
@@ -14,6 +15,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+#include <QTimer>
 
 #include <atomic>
 #include <memory>
@@ -23,6 +25,8 @@ using namespace tarn;
 using analytics::geoIpIsStale;
 using analytics::parseCountryRange;
 using analytics::updateGeoIp;
+using test::FakeHosts;
+using Delivery = FakeHosts::Delivery;
 
 namespace {
 
@@ -35,6 +39,8 @@ QString loaded(int ranges)
 }
 
 const QDate kDay(2024, 5, 31);
+/// The file of its month.
+const QByteArray kAddress = "https://download.db-ip.com/free/dbip-country-lite-2024-05.csv.gz";
 
 QByteArray dotted(quint32 address)
 {
@@ -155,6 +161,21 @@ private:
         return ok == message.startsWith(u"loaded "_s) ? message : u"flag and message differ: "_s + message;
     }
 
+    /// Downloads the file, and returns the message. The flag must fit it, and the request must be as it
+    /// should.
+    QString download(const FakeHosts::Reply& reply)
+    {
+        m_hosts.expect("GET " + kAddress + "\n\n", reply);
+        return download();
+    }
+    static QString download()
+    {
+        QTest::ignoreMessage(QtInfoMsg, ("collect: geoip: loading " + kAddress).constData());
+        bool ok = true;
+        const QString message = updateGeoIp({}, &ok, kDay);
+        return ok == message.startsWith(u"loaded "_s) ? message : u"flag and message differ: "_s + message;
+    }
+
     static void expectSqlError(const QString& pattern)
     {
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*"_s + pattern));
@@ -200,10 +221,17 @@ private:
     }
 
     test::PostgresServer m_server;
+    FakeHosts m_hosts;
     QTemporaryDir m_folder;
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_server.start()); }
+    void initTestCase()
+    {
+        QVERIFY(m_server.start());
+        QVERIFY(m_hosts.start({u"download.db-ip.com"_s}));
+        m_hosts.capture();
+    }
+    void cleanupTestCase() { FakeHosts::release(); }
 
     void init()
     {
@@ -221,6 +249,9 @@ private Q_SLOTS:
 
     void cleanup()
     {
+        const QString complaints = m_hosts.complaints().join(u'\n');
+        m_hosts.reset();
+        QCOMPARE(complaints, QString());
         if (session().isOpen()) {
             QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
             // A transaction left open would show the time of its start.
@@ -473,6 +504,124 @@ private Q_SLOTS:
     {
         QFETCH(const QString, path);
         QCOMPARE(loadFile(path), kNoCountryFile);
+        QVERIFY(isAsBefore());
+    }
+
+    void downloads_data()
+    {
+        QTest::addColumn<Delivery>("delivery");
+        QTest::newRow("whole") << Delivery::Whole;
+        QTest::newRow("in-chunks") << Delivery::Chunked;
+    }
+    void downloads()
+    {
+        QFETCH(const Delivery, delivery);
+        QCOMPARE(download({.body = gzip(text(lines(1234))), .delivery = delivery}), loaded(1234));
+        QCOMPARE(ranges(), u"1234"_s);
+        QCOMPARE(month(), u"2024-05"_s);
+        QCOMPARE(m_hosts.requests().first().header("Accept-Encoding"), "identity");
+    }
+
+    void fileSaidToBeAnEncodingIsTakenAsItIs()
+    {
+        // As web servers say of files with such a name.
+        QCOMPARE(download({
+                     .body = gzip(text(lines(1000))),
+                     .headers = {{"Content-Type", "text/csv"}, {"Content-Encoding", "gzip"}}
+        }),
+                 loaded(1000));
+    }
+
+    void failedDownload_data()
+    {
+        QTest::addColumn<FakeHosts::Reply>("reply");
+        QTest::addColumn<QString>("message");
+        const QByteArray good = gzip(text(lines(1200)));
+        const auto refused = u"download failed: Error transferring %1 - server replied: Scripted"_s.arg(
+            QString::fromLatin1(kAddress));
+        const auto closed = u"download failed: Connection closed"_s;
+        QTest::newRow("not-there-yet") << FakeHosts::Reply{.status = 404, .body = good} << refused;
+        QTest::newRow("forbidden") << FakeHosts::Reply{.status = 403, .body = good} << refused;
+        QTest::newRow("too-many") << FakeHosts::Reply{.status = 429, .body = good} << refused;
+        QTest::newRow("server-error") << FakeHosts::Reply{.status = 500, .body = good} << refused;
+        for (const int status : {301, 302, 303, 307, 308}) {
+            QTest::addRow("redirect-%d", status)
+                << FakeHosts::Reply{.status = status,
+                                    .body = good,
+                                    .headers = {{"Location", "https://elsewhere.example.net/"}}}
+                << u"download failed: the server answered with a redirect (HTTP status %1)"_s.arg(status);
+        }
+        QTest::newRow("cut-in-the-body")
+            << FakeHosts::Reply{.body = good, .delivery = Delivery::CutInBody} << closed;
+        QTest::newRow("not-compressed") << FakeHosts::Reply{.body = text(lines(1200))} << kNoCountryFile;
+        QTest::newRow("page-of-html")
+            << FakeHosts::Reply{.body = QByteArray("<p>Sorry, this file has moved.</p>\n").repeated(2000)}
+            << kNoCountryFile;
+        QTest::newRow("empty") << FakeHosts::Reply{} << kNoCountryFile;
+        QTest::newRow("compressed-short") << FakeHosts::Reply{.body = good.chopped(9)} << kNoCountryFile;
+        QTest::newRow("compressed-twice") << FakeHosts::Reply{.body = gzip(good)} << kNoCountryFile;
+        QTest::newRow("too-few-lines") << FakeHosts::Reply{.body = gzip(text(lines(999)))} << kNoCountryFile;
+    }
+    void failedDownload()
+    {
+        QFETCH(const FakeHosts::Reply, reply);
+        QFETCH(const QString, message);
+        QCOMPARE(download(reply), message);
+        QVERIFY(isAsBefore());
+    }
+
+    void connectionCutBeforeTheAnswer()
+    {
+        // The network library tries again by itself.
+        m_hosts.answer(
+            [](const FakeHosts::Request&) { return FakeHosts::Reply{.delivery = Delivery::CutAtOnce}; });
+        QCOMPARE(download(), u"download failed: Connection closed"_s);
+        QVERIFY(isAsBefore());
+    }
+
+    void unreachableHost()
+    {
+        FakeHosts gone;
+        QVERIFY(gone.start({u"download.db-ip.com"_s}));
+        gone.close();
+        FakeHosts::capture(m_hosts.serverPort(), gone.authorityFile());
+        const QString untrusted = download();
+        FakeHosts::capture(gone.serverPort(), m_hosts.authorityFile());
+        const QString refused = download();
+        m_hosts.capture();
+        QVERIFY2(untrusted.startsWith(u"download failed: SSL handshake failed"_s), qPrintable(untrusted));
+        QCOMPARE(refused, u"download failed: Proxy connection refused"_s);
+        QVERIFY(isAsBefore());
+    }
+
+    void reconnectWhileDownloading()
+    {
+        m_hosts.answer([](const FakeHosts::Request&) {
+            // Also: in no transaction, and with nothing prepared.
+            const bool idle = scalar(u"SELECT now() = statement_timestamp() AND NOT EXISTS (SELECT FROM "
+                                     "pg_prepared_statements)"_s)
+                              == u"true"_s;
+            QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+            return FakeHosts::Reply{.status = idle && db::ensure(true) ? 200 : 500,
+                                    .body = gzip(text(lines(1000)))};
+        });
+        QCOMPARE(download(), loaded(1000));
+        QCOMPARE(month(), u"2024-05"_s);
+    }
+
+    void toldToEndWhileDownloading()
+    {
+        m_hosts.expect("GET " + kAddress + "\n\n", {.delivery = Delivery::Stalled});
+        QTimer timer;
+        connect(&timer, &QTimer::timeout, this, [this] {
+            if (!m_hosts.requests().isEmpty())
+                QCoreApplication::quit();
+        });
+        timer.start(10);
+        QString message;
+        QTimer::singleShot(0, this, [&message] { message = download(); });
+        QCoreApplication::exec();
+        QCOMPARE(message, u"download failed: interrupted"_s);
         QVERIFY(isAsBefore());
     }
 

@@ -4,6 +4,7 @@
 #include "support/PostgresServer.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -17,6 +18,7 @@
 #include <QUrl>
 
 #include <ctime>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
@@ -154,6 +156,16 @@ QString networkText(const QByteArray& url)
 QString redirectText(int status)
 {
     return u"the server answered with a redirect (HTTP status %1)"_s.arg(status);
+}
+
+/// Memory that this process has, in MB.
+double residentMb()
+{
+    QFile file(u"/proc/self/statm"_s);
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    return file.readAll().split(' ').at(1).toDouble() * static_cast<double>(sysconf(_SC_PAGESIZE))
+           / 1'048'576;
 }
 
 /// Sets a zone in which it is about noon: a day does not end between what a test expects and what is asked.
@@ -996,6 +1008,27 @@ private Q_SLOTS:
                         .delivery = delivery});
         QCOMPARE(sync(), u"a.example.org: 1 days (2024-10-10 to 2024-10-10), %1 detail rows"_s.arg(stored));
         QCOMPARE(rowCount(), QString::number(stored));
+    }
+
+    void memoryOfALargeSiteIsGivenBack()
+    {
+        haveConnection();
+        haveSite(1, u"a.example.org"_s, u"sc-domain:a.example.org"_s);
+        m_hosts.answer([](const FakeHosts::Request& request) {
+            if (request.target == "/token")
+                return granted();
+            const bool last = request.body.contains(quoted("'startRow':100000"));
+            return request.body.contains("device") && !last ? page(kPage) : json("{}");
+        });
+        const double before = residentMb();
+        QCOMPARE(sync(), u"a.example.org: no new data"_s);
+        m_hosts.reset();
+        const double more = residentMb() - before;
+#ifdef __SANITIZE_ADDRESS__ // which keeps what is freed
+        QVERIFY(more < 1000);
+#else
+        QVERIFY2(more < 30, qPrintable(u"%1 MB more than before"_s.arg(more)));
+#endif
     }
 
     void wellCompressedPages_data()
