@@ -48,15 +48,9 @@ QString withoutNuls(QString text)
     return text.remove(QChar::Null);
 }
 
-/// @p text to be bound to a column that is never NULL; the driver takes a null string for NULL.
-QString storable(const QString& text)
-{
-    return text.isEmpty() ? u""_s : withoutNuls(text);
-}
-
 QVariant textOrNull(const QString& text)
 {
-    const QString value = storable(text);
+    const QString value = db::storable(text);
     return value.isEmpty() ? QVariant() : QVariant(value);
 }
 
@@ -99,8 +93,8 @@ std::optional<Beacon> parseBeacon(QByteArrayView query)
 /// The one column of the one row that @p query yields for @p ip, empty without a row; nothing when it fails.
 std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
 {
-    query.addBindValue(storable(ip));
-    query.addBindValue(storable(ip));
+    query.addBindValue(db::storable(ip));
+    query.addBindValue(db::storable(ip));
     if (!db::exec(query))
         return std::nullopt;
     return query.next() ? query.value(0).toString() : QString();
@@ -303,8 +297,8 @@ bool Ingest::insertBatch(int siteId, const QList<Row>& rows)
     for (const Row& row : rows) {
         query.addBindValue(siteId);
         query.addBindValue(row.log.at);
-        query.addBindValue(storable(QString::fromLatin1(row.log.method.left(kMaxMethodBytes))));
-        query.addBindValue(storable(row.path.left(kMaxPathLength)));
+        query.addBindValue(db::storable(QString::fromLatin1(row.log.method.left(kMaxMethodBytes))));
+        query.addBindValue(db::storable(row.path.left(kMaxPathLength)));
         query.addBindValue(row.log.status);
         query.addBindValue(row.log.bytes);
         query.addBindValue(row.page);
