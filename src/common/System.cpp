@@ -1,0 +1,183 @@
+#include "common/System.h"
+
+#include <QDateTime>
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QProcess>
+#include <QSettings>
+#include <QStorageInfo>
+#include <QVariant>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::system {
+
+namespace {
+
+/// File systems that live in memory, are images that are full by nature, or show what other ones hold.
+constexpr QByteArrayView kExcludedTypes[] = {
+    "tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal", "fuse.gvfsd-fuse",
+};
+
+/// How long systemctl may take, and then how long it may take to die.
+constexpr int kAnswerMs = 5'000;
+constexpr int kKillMs = 1'000;
+
+/// The most of systemctl's output that is read. A unit takes some 200 bytes.
+constexpr qsizetype kMaxOutputBytes = 1'048'576;
+
+bool canFillUp(const Volume& volume)
+{
+    return volume.usable && std::ranges::find(kExcludedTypes, volume.type) == std::end(kExcludedTypes)
+           && volume.totalBytes > 0 && !volume.mount.startsWith("/snap/"_L1)
+           && !volume.mount.startsWith("/run/"_L1);
+}
+
+/// Reads what the process writes, until it ends, has written too much or has taken too long.
+QByteArray readOutput(QProcess& process)
+{
+    const QDeadlineTimer deadline(kAnswerMs);
+    const auto remaining = [&deadline] { return static_cast<int>(deadline.remainingTime()); };
+    QByteArray output;
+    while (output.size() < kMaxOutputBytes && process.waitForReadyRead(remaining()))
+        output += process.readAllStandardOutput();
+    output += process.readAllStandardOutput();
+    output.truncate(kMaxOutputBytes);
+    return output;
+}
+
+/// Ends the process if it has not ended.
+void dispose(std::unique_ptr<QProcess> process)
+{
+    if (process->state() == QProcess::NotRunning)
+        return;
+    process->kill();
+    if (process->waitForFinished(kKillMs))
+        return;
+    // Held in the kernel, it dies when that lets it go. Until then it is left to the event loop: the
+    // destructor would complain, and wait.
+    QObject::connect(process.get(), &QProcess::finished, process.get(), &QObject::deleteLater);
+    [[maybe_unused]] const QProcess* dying = process.release();
+}
+
+/// Seconds since the epoch of systemd's "Sat 2024-10-12 13:55:36 UTC"; nothing when it is no time.
+std::optional<qint64> parseTimestamp(const QString& text)
+{
+    const QStringList pieces = text.split(u' ');
+    const QDateTime time =
+        QDateTime::fromString(pieces.value(1) + u' ' + pieces.value(2), u"yyyy-MM-dd HH:mm:ss"_s);
+    return time.isValid() ? std::optional(time.toSecsSinceEpoch()) : std::nullopt;
+}
+
+void addProperty(QJsonObject& service, QByteArrayView key, const QString& value)
+{
+    if (key == "LoadState") {
+        service[u"loaded"_s] = value == u"loaded"_s;
+    } else if (key == "ActiveState") {
+        service[u"active"_s] = value == u"active"_s;
+    } else if (key == "SubState") {
+        service[u"sub"_s] = value;
+    } else if (key == "ActiveEnterTimestamp") {
+        if (const std::optional<qint64> since = parseTimestamp(value))
+            service[u"since"_s] = *since;
+    } else if (key == "MemoryCurrent") {
+        // "[not set]" and 2^64 - 1 stand for an unknown one.
+        service[u"memory"_s] = value.toLongLong();
+    }
+}
+
+} // namespace
+
+QJsonArray disks()
+{
+    QList<Volume> volumes;
+    const QList<QStorageInfo> mounted = QStorageInfo::mountedVolumes();
+    for (const QStorageInfo& volume : mounted) {
+        volumes.append({volume.rootPath(), volume.device(), volume.fileSystemType(), volume.bytesTotal(),
+                        volume.bytesAvailable(), volume.isValid() && volume.isReady()});
+    }
+    return disks(volumes);
+}
+
+QJsonArray disks(const QList<Volume>& volumes)
+{
+    QJsonArray result;
+    for (const Volume& volume : volumes) {
+        if (!canFillUp(volume))
+            continue;
+        result.append(QJsonObject{
+            {u"mount"_s,  volume.mount                      },
+            {u"device"_s, QString::fromLatin1(volume.device)},
+            {u"type"_s,   QString::fromLatin1(volume.type)  },
+            {u"total"_s,  volume.totalBytes                 },
+            {u"avail"_s,  volume.availableBytes             },
+        });
+    }
+    return result;
+}
+
+QStringList monitoredServices(const QSettings& settings)
+{
+    const QVariant stored = settings.value(u"health/services"_s, u"apache2,postgresql"_s);
+    // A value with commas and without quotes is read as a list.
+    const QStringList pieces =
+        stored.typeId() == QMetaType::QStringList ? stored.toStringList() : stored.toString().split(u',');
+    QStringList names;
+    for (const QString& piece : pieces) {
+        const QString name = piece.trimmed();
+        if (!name.isEmpty())
+            names.append(name);
+    }
+    return names;
+}
+
+QJsonArray serviceStatus(const QStringList& names)
+{
+    if (names.isEmpty())
+        return {};
+    auto process = std::make_unique<QProcess>();
+    // What it complains of would come among the lines of our log. The rest of its environment is ours: its
+    // times are in the zone of TZ, as they are read.
+    process->setStandardErrorFile(QProcess::nullDevice());
+    process->setStandardInputFile(QProcess::nullDevice());
+    process->start(u"systemctl"_s,
+                   QStringList{u"show"_s, u"--no-pager"_s, u"-p"_s,
+                               u"Id,LoadState,ActiveState,SubState,ActiveEnterTimestamp,MemoryCurrent"_s}
+                       + names,
+                   QIODevice::ReadOnly);
+    const QByteArray output = readOutput(*process);
+    dispose(std::move(process));
+    return parseServices(output, names);
+}
+
+QJsonArray parseServices(const QByteArray& output, const QStringList& names)
+{
+    QJsonArray services;
+    QJsonObject service;
+    const auto endBlock = [&] {
+        if (service.isEmpty())
+            return;
+        service[u"name"_s] = names.value(services.size());
+        services.append(service);
+        service = {};
+    };
+    const QList<QByteArray> lines = output.split('\n');
+    for (const QByteArray& line : lines) {
+        if (line.trimmed().isEmpty()) {
+            endBlock();
+            continue;
+        }
+        const qsizetype equals = line.indexOf('=');
+        const QByteArrayView key = QByteArrayView(line).first(equals < 0 ? line.size() : equals);
+        addProperty(service, key, QString::fromUtf8(line.mid(key.size() + 1)).trimmed());
+    }
+    endBlock();
+    return services;
+}
+
+} // namespace tarn::system

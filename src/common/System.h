@@ -1,0 +1,60 @@
+// What the operating system tells of its file systems and services. Results are JSON, to be handed on as they
+// are. Main thread only.
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+class QJsonArray;
+class QSettings;
+
+namespace tarn::system {
+
+/// The mounted volumes that can fill up, in the order of the mount table:
+/// [{"mount": "/", "device": "/dev/sda1", "type": "ext4", "total": 1000000, "avail": 400000}, ...], sizes in
+/// bytes, "avail" for an unprivileged user. A device that is mounted twice is there twice. Asks every mount
+/// for its size, so that a network file system whose server is gone can hold it up.
+QJsonArray disks();
+
+/// A mounted volume, as the operating system describes it.
+struct Volume
+{
+    QString mount;
+    QByteArray device; ///< as the mount table names it, which need not be a path
+    QByteArray type;   ///< of the file system
+    qint64 totalBytes = 0;
+    qint64 availableBytes = 0; ///< to an unprivileged user
+    bool usable = false;       ///< valid, and ready to be used
+};
+
+/// Those of @p volumes that disks() lists: neither memory nor images nor views of other file systems, nor
+/// anything below /run and /snap.
+QJsonArray disks(const QList<Volume>& volumes);
+
+/// The units of `health/services`, "apache2" and "postgresql" without it. Their order is kept, and so is one
+/// that is named twice.
+QStringList monitoredServices(const QSettings& settings);
+
+/// What systemd says of the units @p names, in their order; see parseServices(). Waits for systemctl for at
+/// most 5 seconds and then ends it. Without it, or without an answer, the list is empty or short; nothing is
+/// logged. A name that begins with "-" is an option to systemctl, and one that is none fails the call as a
+/// whole.
+QJsonArray serviceStatus(const QStringList& names);
+
+/// The state of each unit in the output of `systemctl show`, blocks of
+///
+///     LoadState=loaded
+///     ActiveState=active
+///     SubState=running
+///     ActiveEnterTimestamp=Sat 2024-10-12 13:55:36 UTC
+///     MemoryCurrent=21544960
+///
+/// with empty lines between them. @p names gives the units their names, by position:
+/// [{"name": "apache2", "loaded": true, "active": true, "sub": "running", "since": 1728741336,
+/// "memory": 21544960}, ...]. What is not told is not there; a memory use that is no number is 0. "since" is
+/// in seconds since the Unix epoch: systemd writes local time, and the zone that it names is passed over.
+QJsonArray parseServices(const QByteArray& output, const QStringList& names);
+
+} // namespace tarn::system
