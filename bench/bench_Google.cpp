@@ -81,7 +81,7 @@ int serve()
     if (!hosts.start({u"oauth2.googleapis.com"_s, u"www.googleapis.com"_s}))
         return 1;
     hosts.answer(answer);
-    std::printf("%d %s\n", hosts.serverPort(), qPrintable(hosts.authorityFile()));
+    std::printf("%d %s\n", hosts.serverPort(), qPrintable(hosts.authority().file()));
     std::fflush(stdout);
     return QCoreApplication::exec();
 }

@@ -584,9 +584,9 @@ private Q_SLOTS:
         FakeHosts gone;
         QVERIFY(gone.start({u"download.db-ip.com"_s}));
         gone.close();
-        FakeHosts::capture(m_hosts.serverPort(), gone.authorityFile());
+        FakeHosts::capture(m_hosts.serverPort(), gone.authority().file());
         const QString untrusted = download();
-        FakeHosts::capture(gone.serverPort(), m_hosts.authorityFile());
+        FakeHosts::capture(gone.serverPort(), m_hosts.authority().file());
         const QString refused = download();
         m_hosts.capture();
         QVERIFY2(untrusted.startsWith(u"download failed: SSL handshake failed"_s), qPrintable(untrusted));

@@ -1137,9 +1137,9 @@ private Q_SLOTS:
         QVERIFY(gone.start({u"oauth2.googleapis.com"_s}));
         gone.close();
         haveConnection();
-        FakeHosts::capture(m_hosts.serverPort(), gone.authorityFile());
+        FakeHosts::capture(m_hosts.serverPort(), gone.authority().file());
         const QString untrusted = sync();
-        FakeHosts::capture(gone.serverPort(), m_hosts.authorityFile());
+        FakeHosts::capture(gone.serverPort(), m_hosts.authority().file());
         const QString refused = sync();
         const QString notConnected = connectNow();
         m_hosts.capture();

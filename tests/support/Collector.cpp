@@ -92,7 +92,7 @@ void Collector::obeyFileModes()
 
 void Collector::trust(const FakeHosts& hosts)
 {
-    m_authorityFolder = hosts.authorityFolder().toLocal8Bit();
+    m_authorityFolder = hosts.authority().folder().toLocal8Bit();
     environment[u"https_proxy"_s] = hosts.proxyUrl();
     environment[u"no_proxy"_s] = QString();
 

@@ -1,10 +1,7 @@
 #include "support/FakeHosts.h"
 
-#include <QDir>
 #include <QFile>
 #include <QNetworkProxy>
-#include <QProcess>
-#include <QSslConfiguration>
 #include <QSslSocket>
 
 #include <algorithm>
@@ -17,7 +14,6 @@ namespace tarn::test {
 
 namespace {
 
-constexpr int kProgramMs = 60'000;
 constexpr qsizetype kChunkBytes = 1'000;
 
 /// What Qt's client sends with every request.
@@ -33,12 +29,6 @@ QByteArray contents(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& text)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
 }
 
 /// Takes a whole request off the front of @p buffer; false while there is none.
@@ -112,51 +102,7 @@ FakeHosts::~FakeHosts()
 bool FakeHosts::start(const QStringList& hosts)
 {
     m_hosts = hosts;
-    return makeCertificates(hosts) && listen(QHostAddress::LocalHost);
-}
-
-bool FakeHosts::openssl(const QStringList& arguments, QByteArray* output) const
-{
-    QProcess program;
-    program.setWorkingDirectory(m_folder.path());
-    program.start(u"openssl"_s, arguments);
-    const bool ended = program.waitForFinished(kProgramMs);
-    if (!ended || program.exitCode() != 0) {
-        qWarning("openssl failed: %s %s", qPrintable(program.errorString()),
-                 program.readAllStandardError().constData());
-        return false;
-    }
-    if (output)
-        *output = program.readAllStandardOutput();
-    return true;
-}
-
-bool FakeHosts::makeCertificates(const QStringList& hosts)
-{
-    const QStringList newKey = {u"-newkey"_s, u"ec"_s, u"-pkeyopt"_s, u"ec_paramgen_curve:prime256v1"_s,
-                                u"-nodes"_s};
-    const QByteArray names = "subjectAltName=DNS:" + hosts.join(u",DNS:"_s).toLatin1() + '\n';
-    const bool made =
-        writeFile(m_folder.filePath(u"names"_s), names)
-        && openssl(QStringList{u"req"_s, u"-x509"_s, u"-subj"_s, u"/CN=tarn test authority"_s, u"-days"_s,
-                               u"2"_s, u"-keyout"_s, u"authority.key"_s, u"-out"_s, u"authority.pem"_s}
-                   + newKey)
-        && openssl(QStringList{u"req"_s, u"-subj"_s, u"/CN=tarn test host"_s, u"-keyout"_s, u"host.key"_s,
-                               u"-out"_s, u"host.csr"_s}
-                   + newKey)
-        && openssl({u"x509"_s, u"-req"_s, u"-in"_s, u"host.csr"_s, u"-CA"_s, u"authority.pem"_s, u"-CAkey"_s,
-                    u"authority.key"_s, u"-CAcreateserial"_s, u"-days"_s, u"2"_s, u"-extfile"_s, u"names"_s,
-                    u"-out"_s, u"host.pem"_s});
-    QByteArray hash;
-    if (!made
-        || !openssl({u"x509"_s, u"-in"_s, u"authority.pem"_s, u"-noout"_s, u"-subject_hash"_s}, &hash)) {
-        return false;
-    }
-    QDir().mkpath(authorityFolder());
-    QFile::copy(authorityFile(), authorityFolder() + u'/' + QString::fromLatin1(hash.trimmed()) + u".0"_s);
-    m_certificate = QSslCertificate(contents(m_folder.filePath(u"host.pem"_s)));
-    m_key = QSslKey(contents(m_folder.filePath(u"host.key"_s)), QSsl::Ec);
-    return !m_certificate.isNull() && !m_key.isNull();
+    return m_authority.make(hosts) && listen(QHostAddress::LocalHost);
 }
 
 QString FakeHosts::proxyUrl() const
@@ -164,35 +110,21 @@ QString FakeHosts::proxyUrl() const
     return u"http://127.0.0.1:%1"_s.arg(serverPort());
 }
 
-QString FakeHosts::authorityFile() const
-{
-    return m_folder.filePath(u"authority.pem"_s);
-}
-
-QString FakeHosts::authorityFolder() const
-{
-    return m_folder.filePath(u"trusted"_s);
-}
-
 void FakeHosts::capture() const
 {
-    capture(serverPort(), authorityFile());
+    capture(serverPort(), m_authority.file());
 }
 
 void FakeHosts::capture(quint16 port, const QString& authorityFile)
 {
     QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, u"127.0.0.1"_s, port});
-    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setCaCertificates(QSslCertificate::fromPath(authorityFile));
-    QSslConfiguration::setDefaultConfiguration(configuration);
+    TestAuthority::trust(authorityFile);
 }
 
 void FakeHosts::release()
 {
     QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::DefaultProxy));
-    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setCaCertificates(QSslConfiguration::systemCaCertificates());
-    QSslConfiguration::setDefaultConfiguration(configuration);
+    TestAuthority::trustSystem();
 }
 
 void FakeHosts::expect(const QByteArray& request, const Reply& reply)
@@ -297,8 +229,8 @@ void FakeHosts::tunnel(QSslSocket* socket, Connection& connection)
     connection.host = host;
     socket->write("HTTP/1.1 200 Connection established\r\n\r\n");
     socket->flush();
-    socket->setLocalCertificate(m_certificate);
-    socket->setPrivateKey(m_key);
+    socket->setLocalCertificate(m_authority.certificate());
+    socket->setPrivateKey(m_authority.key());
     socket->startServerEncryption();
 }
 

@@ -3,15 +3,14 @@
 // a script. It runs on the test's own thread, whenever the event loop does.
 #pragma once
 
+#include "support/TestAuthority.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QMap>
 #include <QPair>
-#include <QSslCertificate>
-#include <QSslKey>
 #include <QStringList>
 #include <QTcpServer>
-#include <QTemporaryDir>
 
 #include <functional>
 
@@ -99,10 +98,8 @@ public:
 
     /// For the variable https_proxy of a child process.
     QString proxyUrl() const;
-    /// The authority's certificate, PEM.
-    QString authorityFile() const;
-    /// A folder that holds the authority's certificate alone, under the name by which OpenSSL looks it up.
-    QString authorityFolder() const;
+    /// Who vouches for the hosts.
+    const TestAuthority& authority() const { return m_authority; }
 
 protected:
     void incomingConnection(qintptr descriptor) override;
@@ -116,18 +113,14 @@ private:
         Reply reply;
     };
 
-    bool makeCertificates(const QStringList& hosts);
-    bool openssl(const QStringList& arguments, QByteArray* output = nullptr) const;
     void read(QSslSocket* socket, Connection& connection);
     void tunnel(QSslSocket* socket, Connection& connection);
     void respond(QSslSocket* socket, const Request& request);
     Reply replyTo(const Request& request);
     void complain(const QString& text);
 
-    QTemporaryDir m_folder;
     QStringList m_hosts;
-    QSslCertificate m_certificate;
-    QSslKey m_key;
+    TestAuthority m_authority;
     QList<Exchange> m_expected;
     QList<Request> m_requests;
     QStringList m_complaints;

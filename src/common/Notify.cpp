@@ -1,0 +1,125 @@
+#include "common/Notify.h"
+
+#include "common/NotifyText.h"
+#include "common/Smtp.h"
+#include "common/Webhook.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QSettings>
+#include <QSysInfo>
+#include <QUrl>
+#include <QVariant>
+
+#include <utility>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn::notify {
+
+namespace {
+
+int usualPort(const QString& security)
+{
+    if (security == u"ssl")
+        return 465;
+    return security == u"starttls" ? 587 : 25;
+}
+
+/// 0, which is no port either, for what is no number of 32 bits.
+qint32 portNumber(const QVariant& value)
+{
+    // Of a text with a greater number, toInt() gives the lower bits.
+    const qint64 number = value.toLongLong();
+    return std::in_range<qint32>(number) ? static_cast<qint32>(number) : 0;
+}
+
+/// The recipients, however the value is written: the settings file gives a list for `a, b` and a text for
+/// `"a, b"`.
+QStringList recipients(const QVariant& value)
+{
+    const bool isList = value.typeId() == QMetaType::QStringList;
+    QStringList all = isList ? value.toStringList() : value.toString().split(u',');
+    for (QString& address : all)
+        address = address.trimmed();
+    all.removeAll(QString());
+    return all;
+}
+
+bool sendsMail(const Config& config)
+{
+    return !config.smtpHost.isEmpty() && !config.mailTo.isEmpty();
+}
+
+/// A mistyped word is no encryption either, and must not send the password in clear.
+bool isUnprotected(const Config& config)
+{
+    return config.smtpSecurity != u"ssl" && config.smtpSecurity != u"starttls"
+           && config.smtpHost != u"localhost" && config.smtpHost != u"127.0.0.1";
+}
+
+QString mail(const Config& config, const Message& message)
+{
+    if (isUnprotected(config))
+        return u"smtp_security=none is only allowed for a relay on this machine"_s;
+    const QString text = body(config, message);
+    return Smtp(config).send(title(config, message), text);
+}
+
+} // namespace
+
+Config load(const QSettings& settings)
+{
+    const auto text = [&settings](QAnyStringView key, const QString& otherwise = {}) {
+        return settings.value(key.toString(), otherwise).toString();
+    };
+    Config config;
+    config.host = text(u"notify/host_name", QSysInfo::machineHostName());
+    config.panelUrl = text(u"web/public_url");
+    if (!config.panelUrl.isEmpty())
+        config.panelUrl += u"/#/health"_s;
+    config.webhookUrl = text(u"notify/webhook_url");
+    config.webhookFormat = text(u"notify/webhook_format", u"ntfy"_s);
+    config.smtpHost = text(u"notify/smtp_host");
+    config.smtpSecurity = text(u"notify/smtp_security", u"ssl"_s);
+    config.smtpPort = portNumber(settings.value(u"notify/smtp_port"_s, usualPort(config.smtpSecurity)));
+    config.smtpUser = text(u"notify/smtp_user");
+    config.smtpPassword = text(u"notify/smtp_password");
+    config.mailFrom = text(u"notify/mail_from", config.smtpUser);
+    config.mailTo = recipients(settings.value(u"notify/mail_to"_s));
+    return config;
+}
+
+QJsonObject describe(const Config& config)
+{
+    QJsonObject channels;
+    if (!config.webhookUrl.isEmpty())
+        channels.insert(u"webhook"_s, u"%1 · %2"_s.arg(config.webhookFormat, QUrl(config.webhookUrl).host()));
+    if (sendsMail(config)) {
+        channels.insert(u"email"_s, u"to %1 via %2:%3"_s.arg(config.mailTo.join(u", "_s), config.smtpHost,
+                                                             QString::number(config.smtpPort)));
+    }
+    return channels;
+}
+
+QJsonArray send(const Config& config, const Message& message)
+{
+    QJsonArray report;
+    const auto note = [&report](const QString& channel, const QString& error) {
+        report.append(result(channel, oneLine(error)));
+    };
+    if (!config.webhookUrl.isEmpty())
+        note(u"webhook"_s, postToWebhook(config, message));
+    if (sendsMail(config))
+        note(u"email"_s, mail(config, message));
+
+    for (const QJsonValueConstRef entry : std::as_const(report)) {
+        if (!entry[u"ok"].toBool()) {
+            qWarning("notify: %s failed: %s", qPrintable(entry[u"channel"].toString()),
+                     qPrintable(entry[u"error"].toString()));
+        }
+    }
+    return report;
+}
+
+} // namespace tarn::notify

@@ -1,0 +1,39 @@
+// What a notification says: the title and the text that every channel carries, and the entries of the report
+// on its delivery. Private to the notification unit.
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+class QDateTime;
+
+namespace tarn::notify {
+
+struct Config;
+struct Message;
+
+/// "[web1] Memory 93% used", "[web1] Cleared: Memory 93% used".
+QString title(const Config& config, const Message& message);
+
+/// A sentence, the local time and, when there is one, the address of the panel:
+///
+///     Memory 93% used on web1.
+///
+///     Time: 2024-06-15 09:30 CEST
+///     Server health: https://panel.example.org/#/health
+QString body(const Config& config, const Message& message);
+/// The same at the local time @p now.
+QString body(const Config& config, const Message& message, const QDateTime& now);
+
+/// An entry of the report: {"channel": "email", "ok": true}, and with an @p error {"channel": "email",
+/// "ok": false, "error": "..."}.
+QJsonObject result(const QString& channel, const QString& error);
+
+/// @p text as it can stand in a header, a command or a line of the log: each control character, the ends of
+/// lines above all, is a blank.
+QString oneLine(QString text);
+
+/// @p text of somebody else's, on one line and not longer than what a reader of the log can want.
+QString excerpt(const QString& text);
+
+} // namespace tarn::notify
