@@ -1,0 +1,202 @@
+#include "collect/Alerts.h"
+#include "collect/Health.h"
+#include "common/AgentClient.h"
+#include "common/Db.h"
+
+#include <QCoreApplication>
+#include <QJsonObject>
+#include <QList>
+#include <QScopedValueRollback>
+#include <QSqlQuery>
+#include <QThreadPool>
+#include <QVariant>
+
+#include <limits>
+#include <optional>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace tarn {
+
+namespace {
+
+/// For each wait: the agent walks every home directory before it answers.
+constexpr int kUsageMs = 600'000;
+constexpr int kSwitchMs = 15'000;
+
+/// One measurement is enough: it is a quarter of an hour to the next.
+constexpr int kMeasurements = 1;
+
+const auto kAccounts =
+    u"SELECT a.username, a.domain, a.disk_limit_mb, a.db_limit_mb, "
+    u"EXISTS (SELECT 1 FROM pg_db_role_setting s JOIN pg_database d ON d.oid = s.setdatabase         "
+    u"WHERE d.datname = a.username AND s.setrole = 0           "
+    u"AND 'default_transaction_read_only=on' = ANY (s.setconfig)), "
+    u"(SELECT pg_database_size(d.datname) FROM pg_database d WHERE d.datname = a.username) "
+    u"FROM tarn.accounts a"_s;
+const auto kStoreUsage =
+    u"UPDATE tarn.accounts SET disk_used_bytes = coalesce(?, disk_used_bytes), "
+    "disk_checked_at = CASE WHEN ? THEN now() ELSE disk_checked_at END, db_used_bytes = ? "
+    "WHERE username = ?"_s;
+const auto kMirrorReadOnly =
+    u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ? AND db_readonly <> ?"_s;
+const auto kStoreReadOnly = u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ?"_s;
+
+/// A size in bytes; nothing for what is none: another type, or a number below 0.
+std::optional<qint64> bytesIn(const QJsonValue& value)
+{
+    constexpr qint64 most = std::numeric_limits<qint64>::max();
+    const double approximate = value.toDouble(-1);
+    if (!(approximate >= 0))
+        return std::nullopt;
+    if (approximate >= static_cast<double>(most))
+        return most;
+    return value.toInteger(static_cast<qint64>(approximate)); // exact, unless it is a fraction
+}
+
+struct Account
+{
+    QString user; ///< and the name of the account's database
+    QString domain;
+    qint64 diskLimitMb = 0;
+    qint64 databaseLimitMb = 0;
+    bool isReadOnly = false;             ///< what the database's own setting says
+    std::optional<qint64> databaseBytes; ///< nothing: there is no such database
+};
+
+/// All of them, read out: what is done for each waits on the network.
+QList<Account> readAccounts()
+{
+    QList<Account> accounts;
+    QSqlQuery query;
+    query.prepare(kAccounts);
+    if (!db::exec(query))
+        return accounts;
+    while (query.next()) {
+        Account account;
+        account.user = query.value(0).toString();
+        account.domain = query.value(1).toString();
+        account.diskLimitMb = query.value(2).toLongLong();
+        account.databaseLimitMb = query.value(3).toLongLong();
+        account.isReadOnly = query.value(4).toBool();
+        if (!query.isNull(5))
+            account.databaseBytes = query.value(5).toLongLong();
+        accounts.append(account);
+    }
+    return accounts;
+}
+
+QVariant orNull(std::optional<qint64> value)
+{
+    return value ? QVariant(*value) : QVariant();
+}
+
+void storeUsage(const Account& account, std::optional<qint64> diskBytes)
+{
+    QSqlQuery query;
+    query.prepare(kStoreUsage);
+    query.addBindValue(orNull(diskBytes));
+    query.addBindValue(diskBytes.has_value());
+    query.addBindValue(orNull(account.databaseBytes));
+    query.addBindValue(account.user);
+    db::exec(query);
+}
+
+void mirrorReadOnly(const QString& user, bool isReadOnly)
+{
+    QSqlQuery query;
+    query.prepare(kMirrorReadOnly);
+    query.addBindValue(isReadOnly);
+    query.addBindValue(user);
+    query.addBindValue(isReadOnly);
+    db::exec(query);
+}
+
+void storeReadOnly(const QString& user, bool readOnly)
+{
+    QSqlQuery query;
+    query.prepare(kStoreReadOnly);
+    query.addBindValue(readOnly);
+    query.addBindValue(user);
+    db::exec(query);
+}
+
+/// Has the agent make the database of @p user read-only or writable.
+void switchDatabase(const QString& agentSocket, const QString& user, bool readOnly)
+{
+    const QJsonObject answer = callAgent(agentSocket, u"hosting.dbReadOnly"_s,
+                                         {
+                                             {u"username"_s, user    },
+                                             {u"readOnly"_s, readOnly}
+    },
+                                         kSwitchMs);
+    if (!answer.value(u"ok"_s).toBool()) {
+        qWarning("collect: database %s: %s", qPrintable(user),
+                 qPrintable(answer.value(u"error"_s).toString()));
+        return;
+    }
+    storeReadOnly(user, readOnly);
+    qInfo("collect: database %s is now %s", qPrintable(user),
+          readOnly ? "read-only (over its limit)" : "writable again");
+}
+
+} // namespace
+
+void Health::measureAccounts()
+{
+    if (m_measuring)
+        return;
+    m_measuring = true;
+    // Asked for here: while the application object ends, which waits for this task, it cannot be asked for
+    // any more.
+    QCoreApplication* application = QCoreApplication::instance();
+    const auto task = [application, socket = m_agentSocket, self = std::weak_ptr(m_self)] {
+        const QJsonObject answer = callAgent(socket, u"hosting.usage"_s, {}, kUsageMs);
+        const auto finish = [self, answer] {
+            if (const std::shared_ptr<Health*> health = self.lock())
+                (*health)->finishMeasurement(answer);
+        };
+        QMetaObject::invokeMethod(application, finish, Qt::QueuedConnection);
+    };
+    QThreadPool::globalInstance()->start(task);
+}
+
+void Health::finishMeasurement(const QJsonObject& answer)
+{
+    if (answer.value(u"ok"_s).toBool()) {
+        applyUsage(answer.value(u"usage"_s).toObject());
+    } else {
+        qWarning("collect: account disk use: %s", qPrintable(answer.value(u"error"_s).toString()));
+    }
+    // Not before: a webhook's wait serves timers, and the next measurement must not be applied inside this
+    // one.
+    m_measuring = false;
+}
+
+void Health::applyUsage(const QJsonObject& usage)
+{
+    if (m_applying)
+        return;
+    const QScopedValueRollback<bool> applying(m_applying, true);
+
+    const auto checked = [this](const Condition& condition) {
+        check(condition.kind, condition.subject, condition.bad, condition.text, kMeasurements);
+    };
+    const QList<Account> accounts = readAccounts();
+    for (const Account& account : accounts) {
+        const std::optional<qint64> diskBytes = bytesIn(usage.value(account.user));
+        storeUsage(account, diskBytes);
+        if (diskBytes)
+            checked(quotaCondition(account.user, account.domain, *diskBytes, account.diskLimitMb));
+        const Condition database = databaseQuotaCondition(
+            account.user, account.domain, account.databaseBytes.value_or(0), account.databaseLimitMb);
+        checked(database);
+        // Also where nothing is to be switched: an agent that switches and is not heard to say so, or a
+        // collector that ends in between, has left the table behind.
+        mirrorReadOnly(account.user, account.isReadOnly);
+        if (m_enforceDbLimit && database.bad != account.isReadOnly)
+            switchDatabase(m_agentSocket, account.user, database.bad);
+    }
+}
+
+} // namespace tarn

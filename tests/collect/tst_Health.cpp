@@ -1,0 +1,651 @@
+#include "collect/HealthFixture.h"
+#include "collect/HostFiles.h"
+#include "collect/HttpRecorder.h"
+#include "common/System.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QStorageInfo>
+#include <QTest>
+#include <QTimer>
+
+#include <csignal>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace tarn;
+using test::HealthFixture;
+using test::HttpRecorder;
+
+namespace {
+
+const auto kRates =
+    u"cpu_pct iowait_pct net_rx_bps net_tx_bps disk_read_bps disk_write_bps pg_tps apache_rps "
+    "apache_bps"_s;
+const auto kSensor = u"cpu_temp_c"_s;
+const auto kApache = u"apache_rps apache_bps apache_busy apache_slots"_s;
+
+/// A status page as Apache writes it.
+QByteArray statusPage(int requests, int kBytes, int busy, int slots_)
+{
+    return "127.0.0.1\nServerVersion: Apache/2.4.57 (Debian)\nServerMPM: event\nTotal Accesses: "
+           + QByteArray::number(requests) + "\nTotal kBytes: " + QByteArray::number(kBytes)
+           + "\nTotal Duration: 17\nCPULoad: .0134\nReqPerSec: .03\nBusyWorkers: " + QByteArray::number(busy)
+           + "\nIdleWorkers: 47\nScoreboard: " + QByteArray(busy, 'W') + QByteArray(slots_ - busy, '.')
+           + "\n";
+}
+
+/// A figure of /proc/self/status in MB: "VmHWM" is the most memory that the process has had.
+double memoryMb(const QByteArray& key)
+{
+    return static_cast<double>(meminfo(readFile(u"/proc/self/status"_s), key)) / 1024;
+}
+
+void resetPeak()
+{
+    QFile file(u"/proc/self/clear_refs"_s);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("5") == 1);
+}
+
+} // namespace
+
+class tst_Health : public QObject
+{
+    Q_OBJECT
+
+private:
+    static QString samples() { return HealthFixture::scalar(u"SELECT count(*) FROM tarn.host_samples"_s); }
+
+    /// Columns of the latest sample, joined by blanks; of more than one with "|" between the values.
+    static QString latest(const QString& columns)
+    {
+        return HealthFixture::scalar(
+            u"SELECT concat_ws('|', %1) FROM tarn.host_samples ORDER BY at DESC LIMIT 1"_s.arg(columns));
+    }
+
+    /// The columns that are NULL in the latest sample.
+    static QStringList nullColumns()
+    {
+        return HealthFixture::scalar(
+                   u"SELECT coalesce(string_agg(key, ' '), '') FROM (SELECT j.key FROM (SELECT to_json(s) AS "
+                   u"row "
+                   "FROM tarn.host_samples s ORDER BY at DESC LIMIT 1) latest, json_each(row) j "
+                   "WHERE j.value::text = 'null') n"_s)
+            .split(u' ', Qt::SkipEmptyParts);
+    }
+
+    /// What nullColumns() should be, whether this machine has a sensor or not.
+    static QStringList expectedNulls(const QString& columns)
+    {
+        QStringList all = columns.split(u' ', Qt::SkipEmptyParts);
+        if (!cpuTemperature())
+            all.insert(all.indexOf(u"pg_tps"_s) < 0 ? 0 : all.indexOf(u"pg_tps"_s), kSensor);
+        return all;
+    }
+
+    static QStringList sorted(QStringList list)
+    {
+        list.sort();
+        return list;
+    }
+
+    /// Has the server's statistics come from the schema "fake", which the test fills.
+    void fakeStatistics() const
+    {
+        HealthFixture::run(u"CREATE SCHEMA fake"_s);
+        HealthFixture::run(u"SET search_path = fake, pg_catalog"_s);
+    }
+
+    /// Fills a folder with a program "systemctl" that writes @p output, and puts it first in the search path.
+    void fakeSystemctl(const QByteArray& output)
+    {
+        QFile script(m_fixture.folder.filePath(u"systemctl"_s));
+        QVERIFY(script.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        script.write("#!/bin/sh\ncat <<'END'\n" + output + "END\n");
+        script.close();
+        script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        qputenv("PATH", m_fixture.folder.path().toLocal8Bit() + ':' + m_path);
+    }
+
+    static void expectAlert(const QString& pattern)
+    {
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^alert: "_s + pattern));
+    }
+
+    HealthFixture m_fixture;
+    QByteArray m_path = qgetenv("PATH");
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_fixture.server.start()); }
+
+    void init()
+    {
+        QTest::failOnWarning(QRegularExpression(u".?"_s));
+        QVERIFY(m_fixture.init());
+    }
+
+    void cleanup()
+    {
+        qputenv("PATH", m_path);
+        m_fixture.cleanup();
+    }
+
+    void firstSampleHasNoRates()
+    {
+        HttpRecorder apache;
+        apache.answer = [](const auto&) { return HttpRecorder::ok(statusPage(100, 2000, 3, 400)); };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url(u"/server-status?auto"_s);
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        QCOMPARE(samples(), u"1"_s);
+        QCOMPARE(sorted(nullColumns()), sorted(expectedNulls(kRates)));
+        QCOMPARE(latest(u"apache_busy, apache_slots"_s), u"3|400"_s);
+        QVERIFY(apache.requests.first().head.startsWith("GET /server-status?auto HTTP/1.1\r\n"));
+        QVERIFY(!apache.requests.first().head.contains("HTTP2"));
+    }
+
+    void secondSampleHasThem()
+    {
+        HttpRecorder apache;
+        apache.answer = [&](const auto&) {
+            const auto count = static_cast<int>(apache.requests.size());
+            return HttpRecorder::ok(statusPage(100 * count, 200 * count, 3, 400));
+        };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        QTest::qWait(2); // the clock of the counters has milliseconds
+        health->sample();
+        QCOMPARE(samples(), u"2"_s);
+        QCOMPARE(sorted(nullColumns()), sorted(expectedNulls({})));
+        QCOMPARE(latest(u"apache_rps > 0, round((apache_bps / apache_rps)::numeric, 3)"_s), u"t|2048.000"_s);
+        QCOMPARE(latest(u"pg_tps >= 0, cpu_pct >= 0, iowait_pct >= 0"_s), u"t|t|t"_s);
+    }
+
+    void figuresOfTheMachine()
+    {
+        const QByteArray memory = readFile(u"/proc/meminfo"_s);
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        QCOMPARE(latest(u"mem_total_kb, swap_total_kb, disk_total_bytes"_s),
+                 u"%1|%2|%3"_s.arg(meminfo(memory, "MemTotal"))
+                     .arg(meminfo(memory, "SwapTotal"))
+                     .arg(QStorageInfo(u"/"_s).bytesTotal()));
+        QCOMPARE(
+            latest(u"mem_avail_kb BETWEEN 1 AND mem_total_kb, swap_free_kb BETWEEN 0 AND swap_total_kb, "
+                   "disk_avail_bytes BETWEEN 0 AND disk_total_bytes, load1 >= 0, load5 >= 0, load15 >= 0"_s),
+            u"t|t|t|t|t|t"_s);
+        QCOMPARE(latest(u"now() - at < interval '1 minute'"_s), u"t"_s);
+    }
+
+    void countersOfTheMachine()
+    {
+        const auto health = m_fixture.makeHealth();
+        const qint64 before = QDateTime::currentMSecsSinceEpoch();
+        const Health::Counters counters = health->read();
+        QVERIFY(counters.valid);
+        QVERIFY(!counters.apache);
+        QVERIFY(counters.atMs >= before && counters.atMs <= QDateTime::currentMSecsSinceEpoch());
+        QVERIFY(counters.cpuTotal > 0);
+        QVERIFY(counters.cpuBusy > 0 && counters.cpuBusy + counters.cpuIowait <= counters.cpuTotal);
+        QVERIFY(counters.pgXacts > 0);
+        const Traffic net = parseNetDev(readFile(u"/proc/net/dev"_s));
+        QVERIFY(counters.netRx <= net.in && counters.netTx <= net.out);
+        const Traffic disk = parseDiskStats(readFile(u"/proc/diskstats"_s));
+        QVERIFY(counters.diskRead <= disk.in && counters.diskWrite <= disk.out);
+    }
+
+    void statisticsOfTheServer()
+    {
+        fakeStatistics();
+        HealthFixture::run(
+            u"CREATE TABLE fake.pg_stat_database (xact_commit bigint, xact_rollback bigint)"_s);
+        HealthFixture::run(u"INSERT INTO fake.pg_stat_database VALUES (100, 20), (3, 4), (NULL, NULL)"_s);
+        HealthFixture::run(u"CREATE TABLE fake.pg_stat_activity (backend_type text)"_s);
+        HealthFixture::run(u"INSERT INTO fake.pg_stat_activity VALUES ('client backend'), ('checkpointer'), "
+                           "('client backend'), ('client backend')"_s);
+        const auto health = m_fixture.makeHealth();
+        QCOMPARE(health->read().pgXacts, 127);
+        health->sample();
+        QCOMPARE(latest(u"pg_connections"_s), u"3"_s);
+        // A reset of the statistics, as after a crash of the server.
+        HealthFixture::run(u"UPDATE fake.pg_stat_database SET xact_commit = 1"_s);
+        QTest::qWait(2);
+        health->sample();
+        QVERIFY(nullColumns().contains(u"pg_tps"_s));
+        HealthFixture::run(u"UPDATE fake.pg_stat_database SET xact_commit = 1000"_s);
+        QTest::qWait(2);
+        health->sample();
+        QVERIFY(!nullColumns().contains(u"pg_tps"_s));
+    }
+
+    void missingStatistics()
+    {
+        fakeStatistics();
+        HealthFixture::run(u"CREATE TABLE fake.pg_stat_database (nothing int)"_s);
+        HealthFixture::run(u"CREATE TABLE fake.pg_stat_activity (nothing int)"_s);
+        const auto health = m_fixture.makeHealth();
+        QCOMPARE(health->read().pgXacts, 0);
+        health->sample();
+        QCOMPARE(latest(u"pg_connections"_s), u"0"_s);
+        // No row, or a sum over none.
+        HealthFixture::run(u"DROP TABLE fake.pg_stat_database"_s);
+        HealthFixture::run(
+            u"CREATE TABLE fake.pg_stat_database (xact_commit bigint, xact_rollback bigint)"_s);
+        QCOMPARE(health->read().pgXacts, 0);
+    }
+
+    void apacheGoesAndComes()
+    {
+        HttpRecorder apache;
+        bool up = true;
+        apache.answer = [&](const auto&) {
+            return up ? HttpRecorder::ok(statusPage(100, 200, 1, 150))
+                      : HttpRecorder::response("503 Service Unavailable", statusPage(1, 2, 3, 4));
+        };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        const auto nullsAfterSample = [&](bool apacheIsUp) {
+            up = apacheIsUp;
+            QTest::qWait(2);
+            health->sample();
+            return sorted(nullColumns());
+        };
+        nullsAfterSample(true);
+        QCOMPARE(nullsAfterSample(true), sorted(expectedNulls({})));
+        QCOMPARE(nullsAfterSample(false), sorted(expectedNulls(kApache)));
+        QCOMPARE(nullsAfterSample(false), sorted(expectedNulls(kApache)));
+        QCOMPARE(nullsAfterSample(true), sorted(expectedNulls(u"apache_rps apache_bps"_s)));
+        QCOMPARE(latest(u"apache_busy, apache_slots"_s), u"1|150"_s);
+        QCOMPARE(nullsAfterSample(true), sorted(expectedNulls({})));
+    }
+
+    void noStatusPage_data()
+    {
+        QTest::addColumn<QByteArray>("response");
+        const QByteArray page = statusPage(100, 200, 1, 150);
+        QTest::newRow("not-found") << HttpRecorder::response("404 Not Found", page);
+        QTest::newRow("another-success") << HttpRecorder::response("203 Non-Authoritative Information", page);
+        QTest::newRow("redirect-with-page")
+            << HttpRecorder::response("302 Found", page, "Location: /elsewhere\r\n");
+        QTest::newRow("another-page") << HttpRecorder::ok("<html>It works!</html>");
+        QTest::newRow("empty") << HttpRecorder::ok({});
+        QTest::newRow("no-http") << QByteArray("SSH-2.0-OpenSSH_9.2\r\n\r\n");
+        QTest::newRow("one-byte-too-much")
+            << HttpRecorder::ok(page + QByteArray(1'048'576 - page.size() + 1, '\n'));
+    }
+    void noStatusPage()
+    {
+        QFETCH(const QByteArray, response);
+        HttpRecorder apache;
+        apache.answer = [&](const auto&) {
+            QTimer::singleShot(20, apache.latest, [&] {
+                if (apache.latest)
+                    apache.latest->disconnectFromHost();
+            });
+            return response;
+        };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        QVERIFY(!m_fixture.makeHealth()->read().apache);
+        for (const HttpRecorder::Request& request : std::as_const(apache.requests))
+            QVERIFY2(request.head.startsWith("GET / "), request.head.constData()); // no redirect is followed
+    }
+
+    /// How the end of the connection is noticed is a matter of luck: hence several times.
+    void statusPageThatIsCutShort()
+    {
+        HttpRecorder apache;
+        apache.answer = [&](const auto&) {
+            QTimer::singleShot(20, apache.latest, &QTcpSocket::disconnectFromHost);
+            return HttpRecorder::ok(statusPage(100, 200, 1, 150)).chopped(1);
+        };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        for (int i = 0; i < 20; ++i)
+            QVERIFY(!health->read().apache);
+    }
+
+    void longestStatusPage()
+    {
+        const QByteArray page = statusPage(100, 200, 1, 150);
+        HttpRecorder apache;
+        apache.answer = [&](const auto&) {
+            return HttpRecorder::ok(page + QByteArray(1'048'576 - page.size(), '\n'));
+        };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        QVERIFY(m_fixture.makeHealth()->read().apache);
+    }
+
+    void compressedStatusPageIsNotAskedFor()
+    {
+        HttpRecorder apache;
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        m_fixture.makeHealth()->read();
+        QVERIFY(apache.requests.first().head.toLower().contains("accept-encoding: identity"));
+    }
+
+    void oddStatusAddresses_data()
+    {
+        QTest::addColumn<QString>("url");
+        QTest::newRow("refused") << u"http://127.0.0.1:1/"_s;
+        QTest::newRow("no-scheme") << u"127.0.0.1/server-status?auto"_s;
+        QTest::newRow("scheme-relative") << u"//127.0.0.1/server-status?auto"_s;
+        QTest::newRow("no-host") << u"http://"_s;
+        QTest::newRow("bad-port") << u"http://127.0.0.1:99999/"_s;
+        QTest::newRow("blank") << u" "_s;
+        QTest::newRow("words") << u"not an address"_s;
+        QTest::newRow("other-scheme") << u"gopher://127.0.0.1/"_s;
+        QTest::newRow("endless-file") << u"file:///dev/zero"_s;
+        QTest::newRow("data") << u"data:text/plain,Total Accesses: 5"_s;
+        QTest::newRow("nul") << u"http://127.0.0.1\0/"_s;
+    }
+    void oddStatusAddresses()
+    {
+        QFETCH(const QString, url);
+        m_fixture.settings[u"health/apache_status_url"_s] = url;
+        QVERIFY(!m_fixture.makeHealth()->read().apache);
+    }
+
+    /// Silence ends the wait after three seconds, drops after ten; a flood at once.
+    void apacheThatKeepsTheSampleWaiting()
+    {
+        HttpRecorder silent;
+        silent.answer = [](const auto&) { return QByteArray(); };
+        m_fixture.settings[u"health/apache_status_url"_s] = silent.url();
+        auto health = m_fixture.makeHealth();
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(!health->read().apache);
+        QVERIFY2(timer.elapsed() > 2500 && timer.elapsed() < 6000,
+                 qPrintable(QString::number(timer.elapsed())));
+
+        HttpRecorder trickling;
+        trickling.answer = [](const auto&) { return "HTTP/1.1 200 OK\r\n\r\n" + statusPage(1, 1, 1, 1); };
+        QTimer drops;
+        connect(&drops, &QTimer::timeout, this, [&] {
+            if (trickling.latest)
+                trickling.latest->write("x: y\n");
+        });
+        drops.start(100);
+        m_fixture.settings[u"health/apache_status_url"_s] = trickling.url();
+        health = m_fixture.makeHealth();
+        timer.start();
+        QVERIFY(!health->read().apache);
+        QVERIFY2(timer.elapsed() > 9000 && timer.elapsed() < 13'000,
+                 qPrintable(QString::number(timer.elapsed())));
+        drops.stop();
+
+        HttpRecorder flood;
+        QTimer more;
+        connect(&more, &QTimer::timeout, this, [&] {
+            if (flood.latest && flood.latest->bytesToWrite() < 8'388'608)
+                flood.latest->write(QByteArray(1'048'576, 'x'));
+        });
+        more.start(0);
+        flood.answer = [](const auto&) { return QByteArray("HTTP/1.1 200 OK\r\n\r\n"); };
+        m_fixture.settings[u"health/apache_status_url"_s] = flood.url();
+        health = m_fixture.makeHealth();
+        resetPeak();
+        const double before = memoryMb("VmHWM");
+        timer.start();
+        QVERIFY(!health->read().apache);
+        QVERIFY2(timer.elapsed() < 2500, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY2(memoryMb("VmHWM") - before < 50, qPrintable(QString::number(memoryMb("VmHWM") - before)));
+    }
+
+    void realApache()
+    {
+        QTemporaryDir folder(u"/tmp/tarn-test-XXXXXX"_s);
+        QFile configuration(folder.filePath(u"apache.conf"_s));
+        QProcess apache;
+        apache.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGTERM); });
+        apache.setProcessChannelMode(QProcess::MergedChannels);
+        const QString ready = folder.filePath(u"ready.pid"_s);
+        // Whether a port is free is known for sure only once the server has it.
+        QString url;
+        for (int i = 0; i < 20 && !QFile::exists(ready); ++i) {
+            const int port = QRandomGenerator::global()->bounded(10'000, 30'000);
+            QVERIFY(configuration.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            configuration.write(
+                "ServerRoot " + folder.path().toUtf8() + "\nServerName status.example\nPidFile "
+                + ready.toUtf8() + "\nDefaultRuntimeDir " + folder.path().toUtf8() + "\nErrorLog "
+                + folder.path().toUtf8() + "/error.log\nListen 127.0.0.1:" + QByteArray::number(port) + '\n');
+            for (const QByteArrayView module : {"mpm_event", "authz_core", "authz_host", "status"}) {
+                configuration.write("LoadModule " + module.toByteArray()
+                                    + "_module /usr/lib/apache2/modules/mod_" + module.toByteArray()
+                                    + ".so\n");
+            }
+            if (geteuid() == 0)
+                configuration.write("User www-data\nGroup www-data\n");
+            configuration.write("StartServers 1\nServerLimit 1\nThreadsPerChild 8\nMaxRequestWorkers 8\n"
+                                "MinSpareThreads 1\nMaxSpareThreads 8\nExtendedStatus On\n"
+                                "<Location /server-status>\nSetHandler server-status\nRequire local\n"
+                                "</Location>\n");
+            configuration.close();
+            apache.start(u"/usr/sbin/apache2"_s, {u"-f"_s, configuration.fileName(), u"-DFOREGROUND"_s});
+            QVERIFY(apache.waitForStarted());
+            url = u"http://127.0.0.1:%1/server-status?auto"_s.arg(port);
+            QVERIFY(QTest::qWaitFor(
+                [&] { return QFile::exists(ready) || apache.state() == QProcess::NotRunning; }, 30'000));
+        }
+        QVERIFY2(QFile::exists(ready), apache.readAll().constData());
+
+        m_fixture.settings[u"health/apache_status_url"_s] = url;
+        const auto health = m_fixture.makeHealth();
+        const Health::Counters first = health->read();
+        QVERIFY(first.apache);
+        QCOMPARE(first.apacheSlots, 8);
+        QVERIFY(first.apacheBusy >= 1); // the one that writes the page
+        const Health::Counters second = health->read();
+        QVERIFY(second.apacheRequests > first.apacheRequests);
+        QVERIFY(second.apacheBytes >= first.apacheBytes);
+
+        apache.terminate();
+        QVERIFY(apache.waitForFinished());
+        QVERIFY(!health->read().apache);
+    }
+
+    void samplesOlderThanThirtyDaysGo()
+    {
+        HealthFixture::run(
+            u"INSERT INTO tarn.host_samples (at, load1) VALUES "
+            "(now() - interval '30 days' - interval '1 second', 1), "
+            "(now() - interval '30 days' + interval '1 hour', 2), (now() - interval '1 year', 3)"_s);
+        m_fixture.makeHealth()->sample();
+        QCOMPARE(samples(), u"2"_s);
+        QCOMPARE(HealthFixture::scalar(u"SELECT count(*) FROM tarn.host_samples WHERE load1 = 2"_s), u"1"_s);
+    }
+
+    void failedInsert()
+    {
+        m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
+        const auto health = m_fixture.makeHealth();
+        HealthFixture::run(u"INSERT INTO tarn.host_samples (at) VALUES (now() - interval '1 year')"_s);
+        HealthFixture::refuse(u"INSERT"_s, u"host_samples"_s);
+        for (int i = 0; i < 3; ++i) {
+            HealthFixture::expectRefusal();
+            if (i == 2)
+                expectAlert(u"Memory \\d+% used$"_s);
+            health->sample();
+        }
+        QCOMPARE(samples(), u"0"_s); // the old one is gone
+        QVERIFY(HealthFixture::alerts().startsWith(u"memory|RAM|"_s));
+        // What was lost is the interval before: the next one has its rates.
+        HealthFixture::allow(u"host_samples"_s);
+        QTest::qWait(2);
+        health->sample();
+        QCOMPARE(sorted(nullColumns()), sorted(expectedNulls(kApache)));
+    }
+
+    void failedPruningIsPassedOver()
+    {
+        HealthFixture::run(u"INSERT INTO tarn.host_samples (at) VALUES (now() - interval '1 year')"_s);
+        HealthFixture::refuse(u"DELETE"_s, u"host_samples"_s);
+        m_fixture.makeHealth()->sample();
+        QCOMPARE(samples(), u"2"_s);
+    }
+
+    void checksInTheirOrder()
+    {
+        fakeSystemctl("Id=one.service\nLoadState=loaded\nActiveState=failed\nSubState=failed\n\n"
+                      "Id=two.service\nLoadState=not-found\nActiveState=inactive\nSubState=dead\n\n"
+                      "Id=three.service\nLoadState=loaded\nActiveState=active\nSubState=running\n");
+        HttpRecorder apache;
+        apache.answer = [](const auto&) { return HttpRecorder::ok(statusPage(1, 1, 3, 4)); };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        m_fixture.settings[u"health/services"_s] = u"one, two,three"_s;
+        m_fixture.settings[u"health/apache_busy_alert_pct"_s] = 75;
+        for (const QString& key : {u"disk_alert_pct"_s, u"memory_alert_pct"_s, u"load_alert_per_cpu"_s,
+                                   u"temperature_alert_c"_s}) {
+            m_fixture.settings[u"health/"_s + key] = 0;
+        }
+        QStringList expected = {u"memory|RAM"_s, u"apache|workers"_s, u"load|CPU"_s};
+        expectAlert(u"Memory \\d+% used$"_s);
+        expectAlert(u"Apache is using 3 of 4 workers; new visitors wait in line$"_s);
+        expectAlert(u"Load \\d+\\.\\d on %1 CPUs$"_s.arg(sysconf(_SC_NPROCESSORS_ONLN)));
+        if (cpuTemperature()) {
+            expected << u"temperature|CPU"_s;
+            expectAlert(u"CPU at \\d+ °C$"_s);
+        }
+        QStringList mounts;
+        for (const QJsonValue& disk : system::disks()) {
+            const QString mount = disk[u"mount"_s].toString();
+            if (mounts.contains(mount))
+                continue;
+            mounts << mount;
+            expectAlert(u"Disk %1 is \\d+% full$"_s.arg(QRegularExpression::escape(mount)));
+            expected << u"disk|"_s + mount;
+        }
+        expected << u"service|one"_s << u"service|two"_s;
+        expectAlert(u"Service one is not running \\(failed\\)$"_s);
+        expectAlert(u"Service two is not installed$"_s);
+
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        health->sample();
+        QCOMPARE(HealthFixture::alerts(), u""_s);
+        health->sample();
+        QCOMPARE(HealthFixture::scalar(
+                     u"SELECT string_agg(kind || '|' || subject, E'\\n' ORDER BY id) FROM tarn.alerts"_s),
+                 expected.join(u'\n'));
+    }
+
+    void healthyMachine()
+    {
+        fakeSystemctl("LoadState=loaded\nActiveState=active\nSubState=running\n");
+        m_fixture.settings[u"health/services"_s] = u"one"_s;
+        const auto health = m_fixture.makeHealth();
+        for (int i = 0; i < 4; ++i)
+            health->sample();
+        QCOMPARE(HealthFixture::alerts(), u""_s);
+    }
+
+    /// A condition that cannot be looked at keeps its alert.
+    void checkThatIsNotMadeKeepsItsAlert()
+    {
+        HttpRecorder apache;
+        QByteArray page = statusPage(1, 1, 4, 4);
+        apache.answer = [&](const auto&) { return HttpRecorder::ok(page); };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        const auto sample = [&](const QByteArray& status, int times) {
+            page = status;
+            for (int i = 0; i < times; ++i)
+                health->sample();
+        };
+        const auto open = u"apache|workers|Apache is using 4 of 4 workers; new visitors wait in line|open"_s;
+        expectAlert(u"Apache is using"_s);
+        sample(page, 3);
+        sample("no status", 4);
+        QCOMPARE(HealthFixture::alerts(), open);
+        sample("Total Accesses: 5\nBusyWorkers: 0\nScoreboard: \n", 4); // no slots
+        QCOMPARE(HealthFixture::alerts(), open);
+        sample(statusPage(1, 1, 1, 4), 2);
+        QCOMPARE(HealthFixture::alerts(), open);
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^alert cleared: Apache is using 4 of 4"_s));
+        sample(page, 1);
+    }
+
+    void defaultThresholds()
+    {
+        for (const QString& key : {u"disk_alert_pct"_s, u"memory_alert_pct"_s, u"load_alert_per_cpu"_s,
+                                   u"temperature_alert_c"_s}) {
+            m_fixture.settings.remove(u"health/"_s + key);
+        }
+        HttpRecorder apache;
+        QByteArray page = statusPage(1, 1, 359, 400);
+        apache.answer = [&](const auto&) { return HttpRecorder::ok(page); };
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        health->sample();
+        page = statusPage(1, 1, 360, 400);
+        health->sample();
+        health->sample();
+        expectAlert(u"Apache is using 360 of 400 workers"_s);
+        health->sample();
+    }
+
+    /// Typing errors read as 0, which every figure reaches.
+    void settingsThatAreNoNumbers()
+    {
+        m_fixture.settings[u"health/memory_alert_pct"_s] = u"ninety"_s;
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        health->sample();
+        expectAlert(u"Memory \\d+% used$"_s);
+        health->sample();
+    }
+
+    void noSampleWithinASample()
+    {
+        HttpRecorder apache;
+        HttpRecorder webhook;
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        m_fixture.settings[u"notify/webhook_url"_s] = webhook.url();
+        m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
+        const auto health = m_fixture.makeHealth();
+        apache.answer = [&](const auto&) {
+            health->sample();
+            return HttpRecorder::ok(statusPage(1, 1, 1, 4));
+        };
+        webhook.answer = [&](const auto&) {
+            health->sample();
+            return HttpRecorder::ok({});
+        };
+        expectAlert(u"Memory \\d+% used$"_s);
+        for (int i = 0; i < 3; ++i)
+            health->sample();
+        QCOMPARE(webhook.requests.size(), 1);
+        QCOMPARE(apache.requests.size(), 3);
+        QCOMPARE(samples(), u"3"_s);
+    }
+
+    void sessionLostDuringTheWaitForApache()
+    {
+        HttpRecorder apache;
+        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        apache.answer = [&](const auto&) {
+            const QString backend = HealthFixture::scalar(u"SELECT pg_backend_pid()"_s);
+            test::run(m_fixture.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+            QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+            [[maybe_unused]] const bool usable = db::ensure(true);
+            return HttpRecorder::ok({});
+        };
+        health->sample();
+        QCOMPARE(samples(), u"2"_s);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Health)
+#include "tst_Health.moc"
