@@ -3,6 +3,7 @@
 #include "analytics/GeoIp.h"
 #include "analytics/Google.h"
 #include "analytics/Ingest.h"
+#include "collect/Health.h"
 #include "common/Config.h"
 #include "common/Db.h"
 
@@ -24,6 +25,7 @@
 #include <optional>
 
 using namespace Qt::Literals::StringLiterals;
+using tarn::Health;
 using tarn::analytics::Ingest;
 
 namespace {
@@ -223,14 +225,13 @@ void maintain()
 }
 
 /// What another program of the suite asks for, instead of waiting for the timer.
-void handleNotification(const QString& channel)
+void handleNotification(const QString& channel, Health& health)
 {
     if (channel == "tarn_sync"_L1)
         syncSearch();
+    else if (channel == "tarn_usage"_L1)
+        health.measureAccounts();
 }
-
-/// What the timers of health and usage run until those jobs are there.
-constexpr auto kNoJob = [] {};
 
 /// An interval setting as the timer takes it, which counts milliseconds in an int.
 std::chrono::milliseconds interval(std::chrono::seconds wanted)
@@ -276,8 +277,11 @@ int main(int argc, char** argv)
 
     using std::chrono::minutes;
     using std::chrono::seconds;
+    Health health(settings);
     QTimer healthTimer;
-    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())), kNoJob);
+    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())),
+          [&health] { health.sample(); });
+    health.sample();
 
     Ingest ingest;
     if (!ingest.init()) {
@@ -293,10 +297,13 @@ int main(int argc, char** argv)
     QSqlDriver* driver = tarn::db::session().driver();
     driver->subscribeToNotification(u"tarn_sync"_s);
     driver->subscribeToNotification(u"tarn_usage"_s);
-    QObject::connect(driver, &QSqlDriver::notification, driver, handleNotification);
+    QObject::connect(driver, &QSqlDriver::notification, driver,
+                     [&health](const QString& channel) { handleNotification(channel, health); });
 
     QTimer usageTimer;
-    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())), kNoJob);
+    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())),
+          [&health] { health.measureAccounts(); });
+    health.measureAccounts();
 
     QTimer maintenanceTimer;
     start(maintenanceTimer, kMaintenanceInterval, maintain);

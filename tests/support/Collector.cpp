@@ -113,10 +113,22 @@ QString Collector::useNewDatabase(PostgresServer& server)
         u"INSERT INTO tarn.settings VALUES ('geoip_month', '%1')"_s.arg(
             QDate::currentDate().toString(u"yyyy-MM"_s)));
     QSqlDatabase::removeDatabase(u"tarn_test_new"_s);
+    agent.setAnswer(u"hosting.usage"_s, AgentAnswer::good({
+                                            {u"ok"_s, true}
+    }));
+    if (!agent.start())
+        qFatal("the agent does not start");
     settings = {
-        {u"database/host"_s, server.socketFolder()},
-        {u"database/name"_s, name                 },
-        {u"database/user"_s, u"postgres"_s        }
+        {u"database/host"_s,              server.socketFolder()},
+        {u"database/name"_s,              name                 },
+        {u"database/user"_s,              u"postgres"_s        },
+        {u"agent/socket"_s,               agent.socketPath()   },
+        {u"health/apache_status_url"_s,   QString()            },
+        {u"health/services"_s,            QString()            },
+        {u"health/disk_alert_pct"_s,      u"1000"_s            },
+        {u"health/memory_alert_pct"_s,    u"1000"_s            },
+        {u"health/load_alert_per_cpu"_s,  u"1e9"_s             },
+        {u"health/temperature_alert_c"_s, u"1e9"_s             },
     };
     return name;
 }

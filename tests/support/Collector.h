@@ -1,6 +1,8 @@
 // The collector's binary as a child process, with a settings file of its own and its log at hand.
 #pragma once
 
+#include "support/FakeAgent.h"
+
 #include <QMap>
 #include <QProcess>
 #include <QStringList>
@@ -23,8 +25,12 @@ public:
     /// sent to a port that nobody listens at.
     QMap<QString, QString> environment;
 
-    /// Makes a database on @p server, names it in the settings, and returns its name. It has the countries of
-    /// this month, so that a collector does not download them.
+    /// The suite's agent, once a database is used; it knows of no account.
+    FakeAgent agent;
+
+    /// Makes a database on @p server, writes settings with it, and returns its name. It has the countries of
+    /// this month, so that a collector does not download them, and the settings leave nothing of the host to
+    /// be alarmed about.
     QString useNewDatabase(PostgresServer& server);
 
     /// Run as somebody whom file modes bind, also where the tests run as root. To be set before it is
