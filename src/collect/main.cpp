@@ -195,6 +195,13 @@ void updateCountries()
     qInfo("collect: geoip: %s", qPrintable(result));
 }
 
+void rollUpSites(const QSet<QDate>& days)
+{
+    QSqlQuery sites = rowsOf(u"SELECT id FROM tarn.sites"_s);
+    while (sites.next())
+        Ingest::rollup(sites.value(0).toInt(), days);
+}
+
 /// The maintenance pass of the day @p today: rolls every site's hits up, and does the daily work unless @p
 /// lastDailyPass says that this day has seen it.
 void maintainOn(QDate today, QDate& lastDailyPass)
@@ -204,9 +211,7 @@ void maintainOn(QDate today, QDate& lastDailyPass)
     if (daily)
         days.insert(today.addDays(-1)); // for the hits of its last minutes
 
-    QSqlQuery sites = rowsOf(u"SELECT id FROM tarn.sites"_s);
-    while (sites.next())
-        Ingest::rollup(sites.value(0).toInt(), days);
+    rollUpSites(days);
 
     if (!daily)
         return;
