@@ -5,19 +5,15 @@
 #include "Measure.h"
 #include "analytics/Google.h"
 #include "analytics/SearchImport.h"
-#include "common/Db.h"
 #include "support/FakeHosts.h"
-#include "support/PostgresServer.h"
+#include "support/ProcessMemory.h"
+#include "support/ProductSession.h"
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSettings>
-#include <QSqlDatabase>
-#include <QTemporaryDir>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
@@ -54,8 +50,8 @@ QByteArray totals()
 {
     QByteArrayList rows;
     for (int day = 10; day < 30; ++day) {
-        rows.append("{\"keys\": [\"2024-10-" + QByteArray::number(day)
-                    + "\"], \"clicks\": 3, \"impressions\": 120, \"ctr\": 0.025, \"position\": 7.5}");
+        rows.append(R"({"keys": ["2024-10-)" + QByteArray::number(day)
+                    + R"("], "clicks": 3, "impressions": 120, "ctr": 0.025, "position": 7.5})");
     }
     return "{\"rows\": [" + rows.join(',') + "]}";
 }
@@ -63,14 +59,14 @@ QByteArray totals()
 test::FakeHosts::Reply answer(const test::FakeHosts::Request& request)
 {
     if (request.target == "/token")
-        return {.body = "{\"access_token\": \"token\"}"};
+        return {.body = R"({"access_token": "token"})"};
     if (request.method == "GET")
         return {.body = "{}"};
     if (!request.body.contains("device"))
         return {.body = totals()};
     const qsizetype number = request.target.indexOf("%3A") + 3;
     const int count = request.target.sliced(number, request.target.indexOf('.', number) - number).toInt();
-    const int start = QJsonDocument::fromJson(request.body).object().value(u"startRow"_s).toInt();
+    const int start = request.json().value(u"startRow"_s).toInt();
     return {.body = page(start, count)};
 }
 
@@ -100,23 +96,10 @@ bool startHost(QProcess& process)
     return true;
 }
 
-/// A figure of /proc/self/status in MB: "VmHWM:" is the most memory that this process has had, "VmRSS:" what
-/// it has.
-double memoryMb(QByteArrayView key)
-{
-    QFile status(u"/proc/self/status"_s);
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    const QByteArray text = status.readAll();
-    const qsizetype start = text.indexOf(key) + key.size();
-    return text.mid(start, text.indexOf(" kB", start) - start).trimmed().toDouble() / 1024;
-}
-
 void forgetWhatIsStored(const QString& property)
 {
-    test::run(db::session(), u"TRUNCATE tarn.search_days, tarn.search_rows, tarn.search_properties"_s);
-    test::run(db::session(),
-              u"INSERT INTO tarn.search_properties VALUES (1, 'google', '%1')"_s.arg(property));
+    test::run(u"TRUNCATE tarn.search_days, tarn.search_rows, tarn.search_properties"_s);
+    test::run(u"INSERT INTO tarn.search_properties VALUES (1, 'google', '%1')"_s.arg(property));
 }
 
 void fetch(int rows)
@@ -142,7 +125,7 @@ QJsonObject documentAtHand()
     for (int start = 0; start < kSomeRows; start += kPageRows) {
         const QJsonArray some =
             QJsonDocument::fromJson(page(start, kSomeRows)).object().value(u"rows"_s).toArray();
-        for (const QJsonValue& value : some)
+        for (const auto& value : some)
             rows.append(value);
     }
     return {
@@ -159,19 +142,12 @@ int main(int argc, char** argv)
     if (QCoreApplication::arguments().contains(u"--serve"_s))
         return serve();
     test::PostgresServer server;
+    test::ProductSession session(server);
     QProcess host;
-    if (!server.start() || !startHost(host))
+    if (!server.start() || !startHost(host) || !session.open())
         return 1;
-    QTemporaryDir folder;
-    QSettings settings(folder.filePath(u"settings.ini"_s), QSettings::IniFormat);
-    settings.setValue(u"database/host"_s, server.socketFolder());
-    settings.setValue(u"database/name"_s, server.createDatabase());
-    settings.setValue(u"database/user"_s, u"postgres"_s);
-    if (!db::open(settings, u"bench"_s))
-        return 1;
-    test::run(db::session(), u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
-    test::run(db::session(),
-              u"INSERT INTO tarn.engine_accounts (engine, refresh_token) VALUES ('google', 'token')"_s);
+    test::run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
+    test::run(u"INSERT INTO tarn.engine_accounts (engine, refresh_token) VALUES ('google', 'token')"_s);
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
         if (type != QtInfoMsg)
             std::fprintf(stderr, "%s\n", qPrintable(text));
@@ -182,8 +158,8 @@ int main(int argc, char** argv)
     timer.start();
     fetch(kMostRows);
     std::printf("%d rows of a site fetched and stored in %.1f s; peak memory %.0f MB, afterwards %.0f MB\n",
-                kMostRows, static_cast<double>(timer.elapsed()) / 1000, memoryMb("VmHWM:"),
-                memoryMb("VmRSS:"));
+                kMostRows, static_cast<double>(timer.elapsed()) / 1000, test::memoryMb("VmHWM"),
+                test::memoryMb("VmRSS"));
 
     const QJsonObject document = documentAtHand();
     bench::compare(

@@ -4,13 +4,11 @@
 #include "Measure.h"
 #include "analytics/Ingest.h"
 #include "common/Db.h"
-#include "support/PostgresServer.h"
+#include "support/ProductSession.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QSettings>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
@@ -89,21 +87,13 @@ int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     test::PostgresServer server;
-    if (!server.start())
-        return 1;
-    const QString name = server.createDatabase();
-    QTemporaryDir folder;
-    QSettings settings(folder.filePath(u"settings.ini"_s), QSettings::IniFormat);
-    settings.setValue(u"database/host"_s, server.socketFolder());
-    settings.setValue(u"database/name"_s, name);
-    settings.setValue(u"database/user"_s, u"postgres"_s);
-    if (!db::open(settings, u"bench"_s))
+    test::ProductSession session(server);
+    if (!server.start() || !session.open())
         return 1;
     // A country table of full size, every second range unknown.
-    test::run(QSqlDatabase::database(), u"INSERT INTO tarn.geo_country SELECT '0.0.0.0'::inet + n * "
-                                        u"7000::bigint, '0.0.0.0'::inet + n * 7000::bigint "
-                                        "+ 3500, 'DE' FROM generate_series(1, 600000) n"_s);
-    test::run(QSqlDatabase::database(), u"ANALYZE"_s);
+    test::run(u"INSERT INTO tarn.geo_country SELECT '0.0.0.0'::inet + n * 7000::bigint, "
+              "'0.0.0.0'::inet + n * 7000::bigint + 3500, 'DE' FROM generate_series(1, 600000) n"_s);
+    test::run(u"ANALYZE"_s);
 
     const QList<QByteArray> few = makeLines(20);
     const QList<QByteArray> many = makeLines(3);

@@ -2,14 +2,16 @@
 #include "analytics/Ingest.h"
 #include "common/Db.h"
 #include "support/FakeHosts.h"
-#include "support/PostgresServer.h"
+#include "support/GzipProgram.h"
+#include "support/Messages.h"
+#include "support/ProcessMemory.h"
+#include "support/ProductSession.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSemaphore>
-#include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QTemporaryDir>
@@ -26,6 +28,11 @@ using analytics::geoIpIsStale;
 using analytics::parseCountryRange;
 using analytics::updateGeoIp;
 using test::FakeHosts;
+using test::gzip;
+using test::memoryMb;
+using test::messagesOf;
+using test::run;
+using test::scalar;
 using Delivery = FakeHosts::Delivery;
 
 namespace {
@@ -85,35 +92,6 @@ QByteArray textWith(const QByteArray& odd, qsizetype place = 600)
     return text(all);
 }
 
-/// @p data as the gzip program compresses it.
-QByteArray gzip(const QByteArray& data)
-{
-    QProcess process;
-    process.start(u"gzip"_s, {u"-c"_s});
-    process.write(data);
-    process.closeWriteChannel();
-    process.waitForFinished(-1);
-    return process.readAllStandardOutput();
-}
-
-/// A figure of /proc/self/status in MB: "VmHWM" is the most memory that the process has had, "VmRSS" what it
-/// has.
-double memoryMb(QByteArrayView key)
-{
-    QFile status(u"/proc/self/status"_s);
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    const QByteArray contents = status.readAll();
-    const qsizetype start = contents.indexOf(key) + key.size() + 1;
-    return contents.mid(start, contents.indexOf(" kB", start) - start).trimmed().toDouble() / 1024;
-}
-
-void resetPeak()
-{
-    QFile file(u"/proc/self/clear_refs"_s);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("5") == 1);
-}
-
 } // namespace
 
 class tst_GeoIp : public QObject
@@ -121,14 +99,6 @@ class tst_GeoIp : public QObject
     Q_OBJECT
 
 private:
-    static QSqlDatabase session()
-    {
-        return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-    }
-
-    static QString scalar(const QString& statement) { return test::value(session(), statement); }
-    static void run(const QString& statement) { test::run(session(), statement); }
-
     static QString ranges() { return scalar(u"SELECT count(*) FROM tarn.geo_country"_s); }
     static QString month() { return scalar(u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s); }
 
@@ -190,37 +160,14 @@ private:
             event, table, event.contains(u"TRUNCATE"_s) ? u"FOR EACH STATEMENT"_s : u"FOR EACH ROW"_s));
     }
 
-    /// Calls @p body with all messages caught, and returns them: around a lost session the driver has remarks
-    /// of its own.
-    template <typename Body>
-    static QStringList messagesOf(Body body)
-    {
-        static QStringList messages;
-        messages.clear();
-        const QtMessageHandler before = qInstallMessageHandler(
-            [](QtMsgType, const QMessageLogContext&, const QString& message) { messages << message; });
-        body();
-        qInstallMessageHandler(before);
-        return messages;
-    }
-
     static void reconnect()
     {
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
         QVERIFY(db::ensure(false));
     }
 
-    /// The statements in the server's log between the marks that a test sets; none until the second is there.
-    QStringList loggedBetweenMarks() const
-    {
-        QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
-        const QString log = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-        const qsizetype end = log.lastIndexOf(u"SELECT 'end of the load'"_s);
-        return end < 0 ? QStringList()
-                       : log.first(end).sliced(log.lastIndexOf(u"SELECT 'start of the load'"_s)).split(u'\n');
-    }
-
     test::PostgresServer m_server;
+    test::ProductSession m_session{m_server};
     FakeHosts m_hosts;
     QTemporaryDir m_folder;
 
@@ -236,12 +183,7 @@ private Q_SLOTS:
     void init()
     {
         QTest::failOnWarning(QRegularExpression(u".?"_s));
-        const QString database = m_server.createDatabase();
-        QSettings settings(m_folder.filePath(database), QSettings::IniFormat);
-        settings.setValue(u"database/host"_s, m_server.socketFolder());
-        settings.setValue(u"database/name"_s, database);
-        settings.setValue(u"database/user"_s, u"postgres"_s);
-        QVERIFY(db::open(settings, u"tarn-collect"_s));
+        QVERIFY(m_session.open());
         run(u"INSERT INTO tarn.geo_country VALUES ('192.0.2.0', '192.0.2.255', 'XA')"_s);
         run(u"INSERT INTO tarn.settings VALUES ('geoip_month', '2024-04')"_s);
         QVERIFY(isAsBefore());
@@ -251,14 +193,8 @@ private Q_SLOTS:
     {
         const QString complaints = m_hosts.complaints().join(u'\n');
         m_hosts.reset();
+        m_session.close();
         QCOMPARE(complaints, QString());
-        if (session().isOpen()) {
-            QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
-            // A transaction left open would show the time of its start.
-            QCOMPARE(scalar(u"SELECT now() = statement_timestamp()"_s), u"true"_s);
-        }
-        QSqlDatabase::removeDatabase(u"other"_s);
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
     }
 
     void stale_data()
@@ -434,7 +370,7 @@ private Q_SLOTS:
 
     void thePrivilegesOfTheCollectorSuffice()
     {
-        const QString name = session().databaseName();
+        const QString name = db::session().databaseName();
         run(u"CREATE ROLE loader LOGIN"_s);
         QCOMPARE(m_server.runFile(name, test::schemaFile(u"grants.sql"_s), {u"-v"_s, u"collector=loader"_s}),
                  QString());
@@ -752,8 +688,7 @@ private Q_SLOTS:
     void sessionLostBefore()
     {
         const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
-        test::run(m_server.connect(session().databaseName(), u"other"_s),
-                  u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+        run(m_session.other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
         const QString path = makeFile(u"ranges.csv"_s, text(lines(1000)));
         bool ok = true;
         QString message;
@@ -762,11 +697,11 @@ private Q_SLOTS:
         QVERIFY(!ok);
         QVERIFY2(messages.size() <= 3, qPrintable(messages.join(u" | "_s)));
         // Closed, as a failed reconnect leaves it: not opened behind the back of who looks after it.
-        session().close();
+        db::session().close();
         messagesOf([&] { message = updateGeoIp(path, &ok, kDay); });
         QCOMPARE(message, kDatabaseError);
         QVERIFY(!ok);
-        QVERIFY(!session().isOpen());
+        QVERIFY(!db::session().isOpen());
         reconnect();
         QVERIFY(isAsBefore());
     }
@@ -787,7 +722,7 @@ private Q_SLOTS:
         constexpr int kCount = 40'000;
         const auto question = u"SELECT (SELECT value FROM tarn.settings WHERE key = 'geoip_month') || ' ' || "
                               "count(*) FROM tarn.geo_country"_s;
-        const QString name = session().databaseName();
+        const QString name = db::session().databaseName();
         QSet<QString> seen;
         std::atomic<bool> done = false;
         QSemaphore readOnce;
@@ -799,10 +734,11 @@ private Q_SLOTS:
                 bool last = false;
                 while (!last) {
                     last = done; // then it reads once more
-                    if (prepared)
+                    if (prepared) {
                         seen.insert(query.exec() && query.next() ? query.value(0).toString() : u"failed"_s);
-                    else
+                    } else {
                         seen.insert(test::value(other, question));
+                    }
                     readOnce.release();
                 }
             }
@@ -826,14 +762,14 @@ private Q_SLOTS:
 
     void fullChunkIsPreparedOnce()
     {
-        run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(session().databaseName()));
+        run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(db::session().databaseName()));
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
         QVERIFY(db::ensure(true));
         run(u"SELECT 'start of the load'"_s);
         QCOMPARE(load(text(lines(3001))), loaded(3001));
         run(u"SELECT 'end of the load'"_s);
         QStringList log;
-        QTRY_VERIFY(!(log = loggedBetweenMarks()).isEmpty());
+        QTRY_VERIFY(!(log = m_server.logBetween(u"start of the load"_s, u"end of the load"_s)).isEmpty());
         const auto count = [&log](const QString& pattern) {
             return log.filter(QRegularExpression(pattern)).size();
         };
@@ -871,7 +807,7 @@ private Q_SLOTS:
             QCOMPARE(QProcess::execute(u"gzip"_s, {u"-f"_s, path}), 0);
             path += u".gz"_s;
         }
-        resetPeak();
+        test::resetMemoryPeak();
         const double before = memoryMb("VmHWM");
         QElapsedTimer timer;
         timer.start();

@@ -1,14 +1,14 @@
 #include "analytics/Google.h"
 #include "common/Db.h"
 #include "support/FakeHosts.h"
-#include "support/PostgresServer.h"
+#include "support/GzipProgram.h"
+#include "support/ProductSession.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QSqlDatabase>
@@ -24,6 +24,8 @@ using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using analytics::google::Client;
 using test::FakeHosts;
+using test::run;
+using test::scalar;
 using Delivery = FakeHosts::Delivery;
 
 namespace {
@@ -138,12 +140,7 @@ FakeHosts::Reply page(int count,
 /// @p reply as a server sends it that compresses.
 FakeHosts::Reply compressed(FakeHosts::Reply reply)
 {
-    QProcess process;
-    process.start(u"gzip"_s, {u"-c"_s});
-    process.write(reply.body);
-    process.closeWriteChannel();
-    process.waitForFinished(-1);
-    reply.body = process.readAllStandardOutput();
+    reply.body = test::gzip(reply.body);
     reply.headers.emplaceBack("Content-Encoding", "gzip");
     return reply;
 }
@@ -193,9 +190,6 @@ class tst_Google : public QObject
     Q_OBJECT
 
 private:
-    static QString scalar(const QString& statement) { return test::value(db::session(), statement); }
-    static void run(const QString& statement) { test::run(db::session(), statement); }
-
     /// A connection as connect() leaves it.
     static void haveConnection(const QString& refresh = kRefresh)
     {
@@ -249,6 +243,7 @@ private:
     }
 
     test::PostgresServer m_server;
+    test::ProductSession m_session{m_server};
     FakeHosts m_hosts;
     QTemporaryDir m_folder;
     QStringList m_returned; ///< every text that the unit has returned
@@ -273,12 +268,10 @@ private Q_SLOTS:
         m_test = QTest::currentTestFunction();
         if (!sameTest) // else a row of it, and none does more than fill tables
             m_database = m_server.createDatabase();
-        QSettings settings(m_folder.filePath(m_database), QSettings::IniFormat);
-        settings.setValue(u"database/host"_s, m_server.socketFolder());
-        settings.setValue(u"database/name"_s, m_database);
-        settings.setValue(u"database/user"_s, u"postgres"_s);
-        settings.setValue(u"database/timezone"_s, u"UTC"_s);
-        QVERIFY(db::open(settings, u"tarn-collect"_s));
+        QVERIFY(m_session.open({
+            {u"database/name"_s,     m_database},
+            {u"database/timezone"_s, u"UTC"_s  }
+        }));
         if (sameTest) {
             run(u"TRUNCATE tarn.sites, tarn.engine_accounts, tarn.search_properties, tarn.search_days, "
                 "tarn.search_rows CASCADE"_s);
@@ -293,12 +286,7 @@ private Q_SLOTS:
         qInstallMessageHandler(g_testHandler);
         const QString complaints = m_hosts.complaints().join(u'\n');
         m_hosts.reset();
-        if (db::session().isOpen()) {
-            QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
-            // In no transaction either.
-            QCOMPARE(scalar(u"SELECT now() = statement_timestamp()"_s), u"true"_s);
-        }
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
+        m_session.close();
         QCOMPARE(complaints, QString());
         const QString told = (g_messages + m_returned).join(u'\n');
         for (const QString& secret : {kSecret, kCode, kRefresh, kAccess}) {
@@ -1260,8 +1248,7 @@ private Q_SLOTS:
         m_hosts.expect(totalsRequest("sc-domain%3Aa.example.org"), totals());
         m_hosts.answer([this](const FakeHosts::Request&) {
             const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
-            test::run(m_server.connect(m_database, u"other"_s),
-                      u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+            run(m_session.other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
             return page(1);
         });
         qInstallMessageHandler(
@@ -1271,7 +1258,6 @@ private Q_SLOTS:
         QCOMPARE(result, u"a.example.org: database error while storing"_s);
         QVERIFY2(g_messages.size() <= 8, qPrintable(g_messages.join(u" | "_s)));
         QVERIFY(db::ensure(false));
-        QSqlDatabase::removeDatabase(u"other"_s);
     }
 
     void disconnects_data()

@@ -1,16 +1,14 @@
 #include "analytics/Ingest.h"
 #include "common/Db.h"
-#include "support/PostgresServer.h"
+#include "support/Messages.h"
+#include "support/ProductSession.h"
 
 #include <QCryptographicHash>
-#include <QFile>
 #include <QRegularExpression>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QSqlDatabase>
 #include <QSqlDriver>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimeZone>
 
@@ -21,6 +19,8 @@
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using analytics::Ingest;
+using test::run;
+using test::scalar;
 
 namespace {
 
@@ -63,14 +63,6 @@ class tst_Ingest : public QObject
     Q_OBJECT
 
 private:
-    static QSqlDatabase session()
-    {
-        return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
-    }
-
-    static QString scalar(const QString& statement) { return test::value(session(), statement); }
-    static void run(const QString& statement) { test::run(session(), statement); }
-
     /// The columns of the only hit, as text.
     static QStringList onlyHit(const QString& columns)
     {
@@ -104,19 +96,6 @@ private:
         QVERIFY(m_ingest->init());
     }
 
-    /// What the server's log holds between the statements that mark start and end; empty before the end is
-    /// there.
-    QStringList loggedBetweenMarks() const
-    {
-        QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
-        if (!file.open(QIODevice::ReadOnly))
-            return {};
-        const QString log = QString::fromUtf8(file.readAll());
-        const qsizetype start = log.lastIndexOf(u"start of the call"_s);
-        const qsizetype end = log.lastIndexOf(u"end of the call"_s);
-        return start < 0 || end < start ? QStringList() : log.sliced(start, end - start).split(u'\n');
-    }
-
     static void expectBadAddress()
     {
         QTest::ignoreMessage(QtWarningMsg,
@@ -124,7 +103,7 @@ private:
     }
 
     test::PostgresServer m_server;
-    QTemporaryDir m_folder;
+    test::ProductSession m_session{m_server};
     std::unique_ptr<Ingest> m_ingest;
 
 private Q_SLOTS:
@@ -133,12 +112,7 @@ private Q_SLOTS:
     void init()
     {
         QTest::failOnWarning(QRegularExpression(u".?"_s));
-        const QString database = m_server.createDatabase();
-        QSettings settings(m_folder.filePath(database), QSettings::IniFormat);
-        settings.setValue(u"database/host"_s, m_server.socketFolder());
-        settings.setValue(u"database/name"_s, database);
-        settings.setValue(u"database/user"_s, u"postgres"_s);
-        QVERIFY(db::open(settings, u"tarn-collect"_s));
+        QVERIFY(m_session.open());
         run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org'), (2, 'example.net')"_s);
         startAnew();
     }
@@ -146,12 +120,9 @@ private Q_SLOTS:
     void cleanup()
     {
         m_ingest.reset();
-        QSqlDatabase::removeDatabase(u"listener"_s);
-        if (session().isOpen())
-            QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
         qputenv("TZ", "UTC");
         tzset();
+        m_session.close();
     }
 
     void initWantsTheSecret()
@@ -490,9 +461,10 @@ private Q_SLOTS:
         useCountries();
         run(u"ALTER TABLE tarn.geo_country RENAME TO away"_s);
         QList<QByteArray> lines;
-        for (int i = 0; i < 401; ++i)
+        for (int i = 0; i < 401; ++i) {
             lines.append(
                 Line{.ip = i % 100 == 0 ? "192.0.2." + QByteArray::number(i / 100) : "192.0.2.0"}.text());
+        }
         for (int i = 0; i < 5; ++i)
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*tarn.geo_country"_s));
         QCOMPARE(ingest(lines).stored, 401);
@@ -517,14 +489,14 @@ private Q_SLOTS:
             "'BEGIN INSERT INTO statements (rows) SELECT count(*) FROM added; RETURN NULL; END'"_s);
         run(u"CREATE TRIGGER note AFTER INSERT ON tarn.hits REFERENCING NEW TABLE AS added "
             "FOR EACH STATEMENT EXECUTE FUNCTION note()"_s);
-        const QSqlDatabase listener = m_server.connect(session().databaseName(), u"listener"_s);
+        const QSqlDatabase listener = m_session.other();
         QSignalSpy spy(listener.driver(), &QSqlDriver::notification);
         QVERIFY(listener.driver()->subscribeToNotification(u"tarn_hits"_s));
 
         const auto result = ingest(QList<QByteArray>(lines, lineAt("10:00:00")));
         QCOMPARE(result.stored, lines);
         QCOMPARE(scalar(u"SELECT string_agg(rows::text, ' ' ORDER BY n) FROM statements"_s), statements);
-        test::run(listener, u"SELECT 1"_s);
+        run(listener, u"SELECT 1"_s);
         QTRY_COMPARE(spy.size(), 1);
         QCOMPARE(spy.at(0).at(0).toString(), u"tarn_hits"_s);
         QCOMPARE(spy.at(0).at(2).toString(), u"1"_s);
@@ -534,14 +506,14 @@ private Q_SLOTS:
 
     void fullBatchIsPreparedOnceACall()
     {
-        run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(session().databaseName()));
+        run(u"ALTER DATABASE %1 SET log_statement = 'all'"_s.arg(db::session().databaseName()));
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
         QVERIFY(db::ensure(true));
         run(u"SELECT 'start of the call'"_s);
         ingest(QList<QByteArray>(601, lineAt("10:00:00")));
         run(u"SELECT 'end of the call'"_s);
         QStringList log;
-        QTRY_VERIFY(!(log = loggedBetweenMarks()).isEmpty());
+        QTRY_VERIFY(!(log = m_server.logBetween(u"start of the call"_s, u"end of the call"_s)).isEmpty());
         const auto count = [&log](const QString& pattern) {
             return log.filter(QRegularExpression(pattern)).size();
         };
@@ -555,7 +527,7 @@ private Q_SLOTS:
 
     void nothingStoredNothingAnnounced()
     {
-        const QSqlDatabase listener = m_server.connect(session().databaseName(), u"listener"_s);
+        const QSqlDatabase listener = m_session.other();
         QSignalSpy spy(listener.driver(), &QSqlDriver::notification);
         QVERIFY(listener.driver()->subscribeToNotification(u"tarn_hits"_s));
         const auto result = ingest({"what", "is this", ::beacon("?t=0")});
@@ -700,15 +672,11 @@ private Q_SLOTS:
     void lostSessionStopsTheCallQuietly()
     {
         const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
-        const QSqlDatabase admin = m_server.connect(session().databaseName(), u"listener"_s);
-        test::run(admin, u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+        run(m_session.other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
         // The driver's own remarks come as well, but none for each of the lines.
-        static QStringList messages;
-        messages.clear();
-        const QtMessageHandler before = qInstallMessageHandler(
-            [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
-        const auto result = ingest(QList<QByteArray>(1000, lineAt("10:00:00")));
-        qInstallMessageHandler(before);
+        Ingest::Result result;
+        const QStringList messages =
+            test::messagesOf([&] { result = ingest(QList<QByteArray>(1000, lineAt("10:00:00"))); });
         QVERIFY2(messages.size() <= 5, qPrintable(messages.join(u" | "_s)));
         QCOMPARE(result.stored, 0);
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");

@@ -1,20 +1,20 @@
 #include "analytics/SearchImport.h"
 #include "common/Db.h"
-#include "support/PostgresServer.h"
+#include "support/Messages.h"
+#include "support/ProductSession.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 #include <QTest>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::run;
+using test::scalar;
 
 namespace {
 
@@ -47,7 +47,7 @@ QJsonObject document(const QJsonArray& totals, const QJsonArray& rows)
 QJsonObject parsed(const QByteArray& text)
 {
     QJsonParseError error;
-    const QJsonObject object = QJsonDocument::fromJson(text, &error).object();
+    QJsonObject object = QJsonDocument::fromJson(text, &error).object();
     if (error.error != QJsonParseError::NoError)
         qFatal("the test's JSON does not parse: %s", qPrintable(error.errorString()));
     return object;
@@ -68,9 +68,6 @@ class tst_SearchImport : public QObject
     Q_OBJECT
 
 private:
-    static QString scalar(const QString& statement) { return test::value(db::session(), statement); }
-    static void run(const QString& statement) { test::run(db::session(), statement); }
-
     QString import(const QJsonObject& document, int site = 1, const QString& engine = u"google"_s)
     {
         m_ok = true;
@@ -109,7 +106,7 @@ private:
     }
 
     test::PostgresServer m_server;
-    QTemporaryDir m_folder;
+    test::ProductSession m_session{m_server};
     bool m_ok = false;
 
 private Q_SLOTS:
@@ -118,24 +115,10 @@ private Q_SLOTS:
     void init()
     {
         QTest::failOnWarning(QRegularExpression(u".?"_s));
-        const QString database = m_server.createDatabase();
-        QSettings settings(m_folder.filePath(database), QSettings::IniFormat);
-        settings.setValue(u"database/host"_s, m_server.socketFolder());
-        settings.setValue(u"database/name"_s, database);
-        settings.setValue(u"database/user"_s, u"postgres"_s);
-        QVERIFY(db::open(settings, u"tarn-collect"_s));
+        QVERIFY(m_session.open());
     }
 
-    void cleanup()
-    {
-        if (db::session().isOpen()) {
-            QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
-            // In no transaction either.
-            QCOMPARE(scalar(u"SELECT now() = statement_timestamp()"_s), u"true"_s);
-        }
-        QSqlDatabase::removeDatabase(u"other"_s);
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
-    }
+    void cleanup() { m_session.close(); }
 
     void statement()
     {
@@ -489,26 +472,21 @@ private Q_SLOTS:
     void withoutATransactionNothingIsDeleted()
     {
         import(document({row({u"2024-10-10"_s})}, {detail(u"2024-10-10"_s)}));
-        const QString name = db::session().databaseName();
         db::session().close();
         QTest::ignoreMessage(QtWarningMsg, "QPSQLDriver::beginTransaction: Database not open");
         expectSqlWarning(u""_s);
         failsToStore(document({row({u"2024-10-10"_s}, 5)}, {}));
-        const QSqlDatabase other = m_server.connect(name, u"other"_s);
-        QCOMPARE(test::value(other, u"SELECT clicks FROM tarn.search_days"_s), u"1"_s);
+        QCOMPARE(test::value(m_session.other(), u"SELECT clicks FROM tarn.search_days"_s), u"1"_s);
     }
 
     void lostSessionIsNoSuccess()
     {
         import(document({row({u"2024-10-10"_s})}, {detail(u"2024-10-10"_s)}));
-        const QSqlDatabase other = m_server.connect(db::session().databaseName(), u"other"_s);
-        test::run(other, u"SELECT pg_terminate_backend(%1)"_s.arg(scalar(u"SELECT pg_backend_pid()"_s)));
-        static QStringList messages;
-        messages.clear();
-        const QtMessageHandler before = qInstallMessageHandler(
-            [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
-        const QString message = import(document({row({u"2024-10-10"_s}, 5)}, {}));
-        qInstallMessageHandler(before);
+        const QSqlDatabase other = m_session.other();
+        run(other, u"SELECT pg_terminate_backend(%1)"_s.arg(scalar(u"SELECT pg_backend_pid()"_s)));
+        QString message;
+        const QStringList messages =
+            test::messagesOf([&] { message = import(document({row({u"2024-10-10"_s}, 5)}, {})); });
         QCOMPARE(message, u"database error while storing"_s);
         QVERIFY(!m_ok);
         QVERIFY2(!messages.isEmpty() && messages.size() <= 10, qPrintable(messages.join(u" | "_s)));

@@ -3,13 +3,11 @@
 #pragma once
 
 #include "collect/Health.h"
-#include "common/Db.h"
-#include "support/PostgresServer.h"
+#include "support/ProductSession.h"
 
 #include <QMap>
 #include <QRegularExpression>
 #include <QSettings>
-#include <QSqlDatabase>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -25,32 +23,20 @@ public:
     {
         using namespace Qt::Literals::StringLiterals;
         settings = {
-            {u"database/host"_s,              server.socketFolder()  },
-            {u"database/name"_s,              server.createDatabase()},
-            {u"database/user"_s,              u"postgres"_s          },
-            {u"health/apache_status_url"_s,   QString()              },
-            {u"health/services"_s,            QString()              },
-            {u"health/disk_alert_pct"_s,      1000                   },
-            {u"health/memory_alert_pct"_s,    1000                   },
-            {u"health/load_alert_per_cpu"_s,  1e9                    },
-            {u"health/temperature_alert_c"_s, 1e9                    },
-            {u"notify/host_name"_s,           u"host.example"_s      },
-            {u"notify/webhook_format"_s,      u"json"_s              },
+            {u"health/apache_status_url"_s,   QString()        },
+            {u"health/services"_s,            QString()        },
+            {u"health/disk_alert_pct"_s,      1000             },
+            {u"health/memory_alert_pct"_s,    1000             },
+            {u"health/load_alert_per_cpu"_s,  1e9              },
+            {u"health/temperature_alert_c"_s, 1e9              },
+            {u"notify/host_name"_s,           u"host.example"_s},
+            {u"notify/webhook_format"_s,      u"json"_s        },
         };
-        return db::open(*settingsFile(), u"tarn-collect"_s);
+        return session.open();
     }
 
-    /// Ends what init() has begun; no statement may be left prepared, and no transaction open.
-    void cleanup()
-    {
-        using namespace Qt::Literals::StringLiterals;
-        if (session().isOpen()) {
-            QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements"_s), u"0"_s);
-            QCOMPARE(scalar(u"SELECT now() = statement_timestamp()"_s), u"true"_s);
-        }
-        QSqlDatabase::removeDatabase(u"other"_s);
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
-    }
+    /// Ends what init() has begun.
+    void cleanup() { session.close(); }
 
     /// The settings as the product reads them.
     std::unique_ptr<QSettings> settingsFile()
@@ -65,12 +51,8 @@ public:
 
     std::unique_ptr<Health> makeHealth() { return std::make_unique<Health>(*settingsFile()); }
 
-    static QSqlDatabase session() { return db::session(); }
-    static QString scalar(const QString& statement) { return value(session(), statement); }
-    static void run(const QString& statement) { test::run(session(), statement); }
-
-    /// A session of somebody else on the same database.
-    QSqlDatabase other() const { return server.connect(session().databaseName(), QStringLiteral("other")); }
+    static QString scalar(const QString& statement) { return test::scalar(statement); }
+    static void run(const QString& statement) { test::run(statement); }
 
     /// The alerts in the order of their opening, "kind|subject|message|open" each, a line an alert.
     static QString alerts()
@@ -99,6 +81,7 @@ public:
     }
 
     PostgresServer server;
+    ProductSession session{server};
     QTemporaryDir folder;
     QMap<QString, QVariant> settings;
 

@@ -1,6 +1,6 @@
 #include "collect/HealthFixture.h"
-#include "collect/HttpRecorder.h"
 #include "support/FakeAgent.h"
+#include "support/FakeHttp.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -18,8 +18,8 @@ using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using test::AgentAnswer;
 using test::FakeAgent;
+using test::FakeHttp;
 using test::HealthFixture;
-using test::HttpRecorder;
 
 namespace {
 
@@ -71,7 +71,7 @@ private:
     /// An account with a database of its own, which the limit of one MB is too small for.
     QString addAccountOverItsLimit()
     {
-        const QString user = m_fixture.server.createEmptyDatabase();
+        QString user = m_fixture.server.createEmptyDatabase();
         addAccount(user, 0, 1);
         return user;
     }
@@ -709,26 +709,27 @@ private Q_SLOTS:
     {
         addAccount(u"anna"_s, 1);
         addAccount(u"bob"_s, 1);
-        HttpRecorder webhook;
-        m_fixture.settings[u"notify/webhook_url"_s] = webhook.url();
+        FakeHttp webhook;
+        QVERIFY(webhook.start());
+        m_fixture.settings[u"notify/webhook_url"_s] = webhook.url(u"/"_s);
         m_agent->setAnswer(kUsage, usageAnswer({
                                        {u"anna"_s, 2 * kMb},
                                        {u"bob"_s,  3 * kMb}
         }));
         const auto health = m_fixture.makeHealth();
-        webhook.answer = [&](const auto&) {
+        webhook.answer([&](const auto&) {
             health->measureAccounts();
             health->applyUsage({
                 {u"anna"_s, 0},
                 {u"bob"_s,  0}
             });
             health->sample();
-            return HttpRecorder::ok({});
-        };
+            return FakeHttp::reply("200 OK");
+        });
         expectAlert(u"a.example uses 2 MB of its 1 MB disk limit"_s);
         expectAlert(u"a.example uses 3 MB of its 1 MB disk limit"_s);
         measure(*health);
-        QCOMPARE(webhook.requests.size(), 2);
+        QCOMPARE(webhook.requests().size(), 2);
         QCOMPARE(m_agent->connections(), 1);
         QCOMPARE(column(u"disk_used_bytes"_s, u"bob"_s), QString::number(3 * kMb));
         QCOMPARE(HealthFixture::scalar(u"SELECT count(*) FROM tarn.host_samples"_s), u"2"_s);

@@ -1,7 +1,8 @@
 #include "collect/HealthFixture.h"
 #include "collect/HostFiles.h"
-#include "collect/HttpRecorder.h"
 #include "common/System.h"
+#include "support/FakeHttp.h"
+#include "support/ProcessMemory.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -14,7 +15,6 @@
 #include <QRegularExpression>
 #include <QStorageInfo>
 #include <QTest>
-#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -22,8 +22,9 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::FakeHttp;
 using test::HealthFixture;
-using test::HttpRecorder;
+using test::memoryMb;
 
 namespace {
 
@@ -43,16 +44,9 @@ QByteArray statusPage(int requests, int kBytes, int busy, int slots_)
            + "\n";
 }
 
-/// A figure of /proc/self/status in MB: "VmHWM" is the most memory that the process has had.
-double memoryMb(const QByteArray& key)
+FakeHttp::Reply ok(const QByteArray& page)
 {
-    return static_cast<double>(meminfo(readFile(u"/proc/self/status"_s), key)) / 1024;
-}
-
-void resetPeak()
-{
-    QFile file(u"/proc/self/clear_refs"_s);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("5") == 1);
+    return FakeHttp::reply("200 OK", page);
 }
 
 } // namespace
@@ -115,16 +109,33 @@ private:
         qputenv("PATH", m_fixture.folder.path().toLocal8Bit() + ':' + m_path);
     }
 
+    /// Has the samples ask the test's Apache.
+    void useApache()
+    {
+        m_fixture.settings[u"health/apache_status_url"_s] = m_apache.url(u"/server-status?auto"_s);
+    }
+    /// The same, which gives this answer.
+    void useApache(const FakeHttp::Reply& reply)
+    {
+        m_apache.setReply(reply);
+        useApache();
+    }
+
     static void expectAlert(const QString& pattern)
     {
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^alert: "_s + pattern));
     }
 
     HealthFixture m_fixture;
+    FakeHttp m_apache;
     QByteArray m_path = qgetenv("PATH");
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_fixture.server.start()); }
+    void initTestCase()
+    {
+        QVERIFY(m_fixture.server.start());
+        QVERIFY(m_apache.start());
+    }
 
     void init()
     {
@@ -135,31 +146,29 @@ private Q_SLOTS:
     void cleanup()
     {
         qputenv("PATH", m_path);
+        m_apache.reset();
         m_fixture.cleanup();
     }
 
     void firstSampleHasNoRates()
     {
-        HttpRecorder apache;
-        apache.answer = [](const auto&) { return HttpRecorder::ok(statusPage(100, 2000, 3, 400)); };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url(u"/server-status?auto"_s);
+        useApache(ok(statusPage(100, 2000, 3, 400)));
         const auto health = m_fixture.makeHealth();
         health->sample();
         QCOMPARE(samples(), u"1"_s);
         QCOMPARE(sorted(nullColumns()), sorted(expectedNulls(kRates)));
         QCOMPARE(latest(u"apache_busy, apache_slots"_s), u"3|400"_s);
-        QVERIFY(apache.requests.first().head.startsWith("GET /server-status?auto HTTP/1.1\r\n"));
-        QVERIFY(!apache.requests.first().head.contains("HTTP2"));
+        // No header that would ask for another version of HTTP.
+        QCOMPARE(m_apache.requests().first().text(), QByteArray("GET /server-status?auto\n\n"));
     }
 
     void secondSampleHasThem()
     {
-        HttpRecorder apache;
-        apache.answer = [&](const auto&) {
-            const auto count = static_cast<int>(apache.requests.size());
-            return HttpRecorder::ok(statusPage(100 * count, 200 * count, 3, 400));
-        };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        m_apache.answer([this](const auto&) {
+            const auto count = static_cast<int>(m_apache.requests().size());
+            return ok(statusPage(100 * count, 200 * count, 3, 400));
+        });
+        useApache();
         const auto health = m_fixture.makeHealth();
         health->sample();
         QTest::qWait(2); // the clock of the counters has milliseconds
@@ -245,16 +254,12 @@ private Q_SLOTS:
 
     void apacheGoesAndComes()
     {
-        HttpRecorder apache;
-        bool up = true;
-        apache.answer = [&](const auto&) {
-            return up ? HttpRecorder::ok(statusPage(100, 200, 1, 150))
-                      : HttpRecorder::response("503 Service Unavailable", statusPage(1, 2, 3, 4));
-        };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache();
         const auto health = m_fixture.makeHealth();
         const auto nullsAfterSample = [&](bool apacheIsUp) {
-            up = apacheIsUp;
+            m_apache.setReply(apacheIsUp
+                                  ? ok(statusPage(100, 200, 1, 150))
+                                  : FakeHttp::reply("503 Service Unavailable", statusPage(1, 2, 3, 4)));
             QTest::qWait(2);
             health->sample();
             return sorted(nullColumns());
@@ -270,44 +275,30 @@ private Q_SLOTS:
 
     void noStatusPage_data()
     {
-        QTest::addColumn<QByteArray>("response");
+        QTest::addColumn<QByteArray>("answer");
         const QByteArray page = statusPage(100, 200, 1, 150);
-        QTest::newRow("not-found") << HttpRecorder::response("404 Not Found", page);
-        QTest::newRow("another-success") << HttpRecorder::response("203 Non-Authoritative Information", page);
+        QTest::newRow("not-found") << FakeHttp::reply("404 Not Found", page).bytes;
+        QTest::newRow("another-success") << FakeHttp::reply("203 Non-Authoritative Information", page).bytes;
         QTest::newRow("redirect-with-page")
-            << HttpRecorder::response("302 Found", page, "Location: /elsewhere\r\n");
-        QTest::newRow("another-page") << HttpRecorder::ok("<html>It works!</html>");
-        QTest::newRow("empty") << HttpRecorder::ok({});
+            << FakeHttp::reply("302 Found", page, "Location: /elsewhere\r\n").bytes;
+        QTest::newRow("another-page") << ok("<html>It works!</html>").bytes;
+        QTest::newRow("empty") << ok({}).bytes;
         QTest::newRow("no-http") << QByteArray("SSH-2.0-OpenSSH_9.2\r\n\r\n");
-        QTest::newRow("one-byte-too-much")
-            << HttpRecorder::ok(page + QByteArray(1'048'576 - page.size() + 1, '\n'));
+        QTest::newRow("one-byte-too-much") << ok(page + QByteArray(1'048'576 - page.size() + 1, '\n')).bytes;
     }
     void noStatusPage()
     {
-        QFETCH(const QByteArray, response);
-        HttpRecorder apache;
-        apache.answer = [&](const auto&) {
-            QTimer::singleShot(20, apache.latest, [&] {
-                if (apache.latest)
-                    apache.latest->disconnectFromHost();
-            });
-            return response;
-        };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        QFETCH(const QByteArray, answer);
+        useApache({answer, FakeHttp::Then::CloseLate});
         QVERIFY(!m_fixture.makeHealth()->read().apache);
-        for (const HttpRecorder::Request& request : std::as_const(apache.requests))
-            QVERIFY2(request.head.startsWith("GET / "), request.head.constData()); // no redirect is followed
+        for (const FakeHttp::Request& request : m_apache.requests())
+            QCOMPARE(request.target, QByteArray("/server-status?auto")); // no redirect is followed
     }
 
     /// How the end of the connection is noticed is a matter of luck: hence several times.
     void statusPageThatIsCutShort()
     {
-        HttpRecorder apache;
-        apache.answer = [&](const auto&) {
-            QTimer::singleShot(20, apache.latest, &QTcpSocket::disconnectFromHost);
-            return HttpRecorder::ok(statusPage(100, 200, 1, 150)).chopped(1);
-        };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache({ok(statusPage(100, 200, 1, 150)).bytes.chopped(1), FakeHttp::Then::CloseLate});
         const auto health = m_fixture.makeHealth();
         for (int i = 0; i < 20; ++i)
             QVERIFY(!health->read().apache);
@@ -316,20 +307,15 @@ private Q_SLOTS:
     void longestStatusPage()
     {
         const QByteArray page = statusPage(100, 200, 1, 150);
-        HttpRecorder apache;
-        apache.answer = [&](const auto&) {
-            return HttpRecorder::ok(page + QByteArray(1'048'576 - page.size(), '\n'));
-        };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache(ok(page + QByteArray(1'048'576 - page.size(), '\n')));
         QVERIFY(m_fixture.makeHealth()->read().apache);
     }
 
     void compressedStatusPageIsNotAskedFor()
     {
-        HttpRecorder apache;
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache();
         m_fixture.makeHealth()->read();
-        QVERIFY(apache.requests.first().head.toLower().contains("accept-encoding: identity"));
+        QCOMPARE(m_apache.requests().first().header("Accept-Encoding"), QByteArray("identity"));
     }
 
     void oddStatusAddresses_data()
@@ -357,43 +343,23 @@ private Q_SLOTS:
     /// Silence ends the wait after three seconds, drops after ten; a flood at once.
     void apacheThatKeepsTheSampleWaiting()
     {
-        HttpRecorder silent;
-        silent.answer = [](const auto&) { return QByteArray(); };
-        m_fixture.settings[u"health/apache_status_url"_s] = silent.url();
-        auto health = m_fixture.makeHealth();
+        useApache({QByteArray()});
+        const auto health = m_fixture.makeHealth();
         QElapsedTimer timer;
         timer.start();
         QVERIFY(!health->read().apache);
         QVERIFY2(timer.elapsed() > 2500 && timer.elapsed() < 6000,
                  qPrintable(QString::number(timer.elapsed())));
 
-        HttpRecorder trickling;
-        trickling.answer = [](const auto&) { return "HTTP/1.1 200 OK\r\n\r\n" + statusPage(1, 1, 1, 1); };
-        QTimer drops;
-        connect(&drops, &QTimer::timeout, this, [&] {
-            if (trickling.latest)
-                trickling.latest->write("x: y\n");
-        });
-        drops.start(100);
-        m_fixture.settings[u"health/apache_status_url"_s] = trickling.url();
-        health = m_fixture.makeHealth();
+        const QByteArray endless = "HTTP/1.1 200 OK\r\n\r\n" + statusPage(1, 1, 1, 1);
+        m_apache.setReply({endless, FakeHttp::Then::Trickle});
         timer.start();
         QVERIFY(!health->read().apache);
         QVERIFY2(timer.elapsed() > 9000 && timer.elapsed() < 13'000,
                  qPrintable(QString::number(timer.elapsed())));
-        drops.stop();
 
-        HttpRecorder flood;
-        QTimer more;
-        connect(&more, &QTimer::timeout, this, [&] {
-            if (flood.latest && flood.latest->bytesToWrite() < 8'388'608)
-                flood.latest->write(QByteArray(1'048'576, 'x'));
-        });
-        more.start(0);
-        flood.answer = [](const auto&) { return QByteArray("HTTP/1.1 200 OK\r\n\r\n"); };
-        m_fixture.settings[u"health/apache_status_url"_s] = flood.url();
-        health = m_fixture.makeHealth();
-        resetPeak();
+        m_apache.setReply({endless, FakeHttp::Then::Flood});
+        test::resetMemoryPeak();
         const double before = memoryMb("VmHWM");
         timer.start();
         QVERIFY(!health->read().apache);
@@ -498,9 +464,7 @@ private Q_SLOTS:
         fakeSystemctl("Id=one.service\nLoadState=loaded\nActiveState=failed\nSubState=failed\n\n"
                       "Id=two.service\nLoadState=not-found\nActiveState=inactive\nSubState=dead\n\n"
                       "Id=three.service\nLoadState=loaded\nActiveState=active\nSubState=running\n");
-        HttpRecorder apache;
-        apache.answer = [](const auto&) { return HttpRecorder::ok(statusPage(1, 1, 3, 4)); };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache(ok(statusPage(1, 1, 3, 4)));
         m_fixture.settings[u"health/services"_s] = u"one, two,three"_s;
         m_fixture.settings[u"health/apache_busy_alert_pct"_s] = 75;
         for (const QString& key : {u"disk_alert_pct"_s, u"memory_alert_pct"_s, u"load_alert_per_cpu"_s,
@@ -516,7 +480,8 @@ private Q_SLOTS:
             expectAlert(u"CPU at \\d+ °C$"_s);
         }
         QStringList mounts;
-        for (const QJsonValue& disk : system::disks()) {
+        const QJsonArray disks = system::disks();
+        for (const auto& disk : disks) {
             const QString mount = disk[u"mount"_s].toString();
             if (mounts.contains(mount))
                 continue;
@@ -551,19 +516,16 @@ private Q_SLOTS:
     /// A condition that cannot be looked at keeps its alert.
     void checkThatIsNotMadeKeepsItsAlert()
     {
-        HttpRecorder apache;
-        QByteArray page = statusPage(1, 1, 4, 4);
-        apache.answer = [&](const auto&) { return HttpRecorder::ok(page); };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache();
         const auto health = m_fixture.makeHealth();
-        const auto sample = [&](const QByteArray& status, int times) {
-            page = status;
+        const auto sample = [&](const QByteArray& page, int times) {
+            m_apache.setReply(ok(page));
             for (int i = 0; i < times; ++i)
                 health->sample();
         };
         const auto open = u"apache|workers|Apache is using 4 of 4 workers; new visitors wait in line|open"_s;
         expectAlert(u"Apache is using"_s);
-        sample(page, 3);
+        sample(statusPage(1, 1, 4, 4), 3);
         sample("no status", 4);
         QCOMPARE(HealthFixture::alerts(), open);
         sample("Total Accesses: 5\nBusyWorkers: 0\nScoreboard: \n", 4); // no slots
@@ -571,7 +533,7 @@ private Q_SLOTS:
         sample(statusPage(1, 1, 1, 4), 2);
         QCOMPARE(HealthFixture::alerts(), open);
         QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^alert cleared: Apache is using 4 of 4"_s));
-        sample(page, 1);
+        sample(statusPage(1, 1, 1, 4), 1);
     }
 
     void defaultThresholds()
@@ -580,14 +542,11 @@ private Q_SLOTS:
                                    u"temperature_alert_c"_s}) {
             m_fixture.settings.remove(u"health/"_s + key);
         }
-        HttpRecorder apache;
-        QByteArray page = statusPage(1, 1, 359, 400);
-        apache.answer = [&](const auto&) { return HttpRecorder::ok(page); };
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache(ok(statusPage(1, 1, 359, 400)));
         const auto health = m_fixture.makeHealth();
         health->sample();
         health->sample();
-        page = statusPage(1, 1, 360, 400);
+        m_apache.setReply(ok(statusPage(1, 1, 360, 400)));
         health->sample();
         health->sample();
         expectAlert(u"Apache is using 360 of 400 workers"_s);
@@ -607,41 +566,40 @@ private Q_SLOTS:
 
     void noSampleWithinASample()
     {
-        HttpRecorder apache;
-        HttpRecorder webhook;
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
-        m_fixture.settings[u"notify/webhook_url"_s] = webhook.url();
+        FakeHttp webhook;
+        QVERIFY(webhook.start());
+        useApache();
+        m_fixture.settings[u"notify/webhook_url"_s] = webhook.url(u"/"_s);
         m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
         const auto health = m_fixture.makeHealth();
-        apache.answer = [&](const auto&) {
+        m_apache.answer([&](const auto&) {
             health->sample();
-            return HttpRecorder::ok(statusPage(1, 1, 1, 4));
-        };
-        webhook.answer = [&](const auto&) {
+            return ok(statusPage(1, 1, 1, 4));
+        });
+        webhook.answer([&](const auto&) {
             health->sample();
-            return HttpRecorder::ok({});
-        };
+            return ok({});
+        });
         expectAlert(u"Memory \\d+% used$"_s);
         for (int i = 0; i < 3; ++i)
             health->sample();
-        QCOMPARE(webhook.requests.size(), 1);
-        QCOMPARE(apache.requests.size(), 3);
+        QCOMPARE(webhook.requests().size(), 1);
+        QCOMPARE(m_apache.requests().size(), 3);
         QCOMPARE(samples(), u"3"_s);
     }
 
     void sessionLostDuringTheWaitForApache()
     {
-        HttpRecorder apache;
-        m_fixture.settings[u"health/apache_status_url"_s] = apache.url();
+        useApache();
         const auto health = m_fixture.makeHealth();
         health->sample();
-        apache.answer = [&](const auto&) {
+        m_apache.answer([this](const auto&) {
             const QString backend = HealthFixture::scalar(u"SELECT pg_backend_pid()"_s);
-            test::run(m_fixture.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+            test::run(m_fixture.session.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
             QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
             [[maybe_unused]] const bool usable = db::ensure(true);
-            return HttpRecorder::ok({});
-        };
+            return ok({});
+        });
         health->sample();
         QCOMPARE(samples(), u"2"_s);
     }

@@ -1,5 +1,5 @@
 #include "collect/HealthFixture.h"
-#include "collect/HttpRecorder.h"
+#include "support/FakeHttp.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -9,8 +9,8 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::FakeHttp;
 using test::HealthFixture;
-using test::HttpRecorder;
 
 class tst_HealthAlerts : public QObject
 {
@@ -37,7 +37,7 @@ private:
     QStringList said()
     {
         QStringList all;
-        for (const HttpRecorder::Request& request : std::exchange(m_webhook->requests, {})) {
+        for (const FakeHttp::Request& request : m_webhook.takeRequests()) {
             const QJsonObject json = request.json();
             all << QStringList{json[u"status"_s].toString(), json[u"kind"_s].toString(),
                                json[u"subject"_s].toString(), json[u"title"_s].toString()}
@@ -47,7 +47,7 @@ private:
     }
 
     HealthFixture m_fixture;
-    std::unique_ptr<HttpRecorder> m_webhook;
+    FakeHttp m_webhook;
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY(m_fixture.server.start()); }
@@ -56,13 +56,14 @@ private Q_SLOTS:
     {
         QTest::failOnWarning(QRegularExpression(u".?"_s));
         QVERIFY(m_fixture.init());
-        m_webhook = std::make_unique<HttpRecorder>();
-        m_fixture.settings[u"notify/webhook_url"_s] = m_webhook->url(u"/hook"_s);
+        QVERIFY(m_webhook.start());
+        m_fixture.settings[u"notify/webhook_url"_s] = m_webhook.url(u"/hook"_s);
     }
 
     void cleanup()
     {
         m_webhook.reset();
+        m_webhook.close();
         m_fixture.cleanup();
     }
 
@@ -96,8 +97,8 @@ private Q_SLOTS:
         expectCleared(u"Memory 95% used"_s);
         pass(*health, u"g"_s, u"Memory 40% used"_s);
         QCOMPARE(HealthFixture::alerts(), u"disk|/var|Memory 95% used|closed"_s);
-        QCOMPARE(m_webhook->requests.size(), 1);
-        const QString body = m_webhook->requests.first().json()[u"message"_s].toString();
+        QCOMPARE(m_webhook.requests().size(), 1);
+        const QString body = m_webhook.requests().first().json()[u"message"_s].toString();
         QVERIFY2(body.startsWith(u"Back to normal after 1 days 1 h. The alert was: Memory 95% used."_s),
                  qPrintable(body));
         QCOMPARE(said(), QStringList{u"cleared disk /var [host.example] Cleared: Memory 95% used"_s});
@@ -176,14 +177,15 @@ private Q_SLOTS:
     {
         static QStringList events;
         events.clear();
-        m_webhook->answer = [this](const HttpRecorder::Request& request) {
+        m_webhook.answer([this](const FakeHttp::Request& request) {
             events << request.json()[u"status"_s].toString() + u" row="_s
-                          + test::value(m_fixture.other(), u"SELECT closed_at IS NULL FROM tarn.alerts"_s)
+                          + test::value(m_fixture.session.other(),
+                                        u"SELECT closed_at IS NULL FROM tarn.alerts"_s)
                           // One that is left would live on into a session that is opened anew meanwhile.
                           + u" prepared="_s
                           + HealthFixture::scalar(u"SELECT count(*) FROM pg_prepared_statements"_s);
-            return HttpRecorder::ok({});
-        };
+            return FakeHttp::reply("200 OK");
+        });
         const auto health = m_fixture.makeHealth();
         const QtMessageHandler before = qInstallMessageHandler(
             [](QtMsgType, const QMessageLogContext&, const QString& message) { events << message; });
@@ -242,7 +244,7 @@ private Q_SLOTS:
 
     void deadWebhookKeepsTheAlert()
     {
-        m_webhook->stop();
+        m_webhook.close();
         const auto health = m_fixture.makeHealth();
         expectAlert(u"Disk /var is 93% full"_s);
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^notify: webhook failed: "_s));
@@ -285,19 +287,19 @@ private Q_SLOTS:
     {
         const auto health = m_fixture.makeHealth();
         bool first = true;
-        m_webhook->answer = [&](const HttpRecorder::Request&) {
+        m_webhook.answer([&](const FakeHttp::Request&) {
             if (std::exchange(first, false)) {
                 for (int i = 0; i < 100; ++i) // enough for the table of streaks to move
                     health->check(u"inner"_s, QString::number(i), true, u"x"_s, 2);
                 expectAlert(u"inner"_s);
                 health->check(u"inner"_s, u"0"_s, true, u"inner"_s, 2);
             }
-            return HttpRecorder::ok({});
-        };
+            return FakeHttp::reply("200 OK");
+        });
         expectAlert(u"outer"_s);
         health->check(u"outer"_s, u"1"_s, true, u"outer"_s, 1);
         QCOMPARE(HealthFixture::alerts(), u"outer|1|outer|open\ninner|0|inner|open"_s);
-        QTRY_COMPARE(m_webhook->requests.size(), 2);
+        QTRY_COMPARE(m_webhook.requests().size(), 2);
         health->check(u"outer"_s, u"1"_s, true, u"outer still"_s, 1);
         QCOMPARE(HealthFixture::alerts(), u"outer|1|outer still|open\ninner|0|inner|open"_s);
     }

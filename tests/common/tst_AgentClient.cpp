@@ -1,5 +1,6 @@
 #include "common/AgentClient.h"
 #include "support/FakeAgent.h"
+#include "support/ProcessMemory.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -27,6 +28,7 @@ using namespace Qt::Literals::StringLiterals;
 using tarn::callAgent;
 using tarn::test::AgentAnswer;
 using tarn::test::FakeAgent;
+using tarn::test::memoryMb;
 
 namespace {
 
@@ -64,18 +66,6 @@ QJsonObject noAnswer()
         {u"ok"_s,    false                    },
         {u"error"_s, u"agent did not answer"_s},
     };
-}
-
-/// A figure of /proc/self/status in MB: "VmHWM" is the most memory that the process has had, "VmRSS" what it
-/// has.
-double memoryMb(QByteArrayView key)
-{
-    QFile status(u"/proc/self/status"_s);
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    const QByteArray contents = status.readAll();
-    const qsizetype start = contents.indexOf(key) + key.size() + 1;
-    return contents.mid(start, contents.indexOf(" kB", start) - start).trimmed().toDouble() / 1024;
 }
 
 /// Processor time of the process, in milliseconds.
@@ -428,9 +418,7 @@ private Q_SLOTS:
     void endlessLineIsGivenUp()
     {
         const double before = memoryMb("VmRSS");
-        QFile peak(u"/proc/self/clear_refs"_s);
-        QVERIFY(peak.open(QIODevice::WriteOnly) && peak.write("5") == 1);
-        peak.close();
+        tarn::test::resetMemoryPeak();
         QCOMPARE(callAnsweredBy(AgentAnswer::endlessLine()), noAnswer());
         QTRY_COMPARE(m_agent->openConnections(), 0);
         const double grown = memoryMb("VmHWM") - before;

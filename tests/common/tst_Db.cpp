@@ -1,5 +1,5 @@
 #include "common/Db.h"
-#include "support/PostgresServer.h"
+#include "support/ProductSession.h"
 
 #include <QRegularExpression>
 #include <QSettings>
@@ -14,6 +14,8 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::run;
+using test::scalar;
 
 class tst_Db : public QObject
 {
@@ -25,32 +27,15 @@ private:
         return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
     }
 
-    static QString scalar(const QString& statement) { return test::value(session(), statement); }
-
-    /// Opens the product's session on a database with the schema, with these settings on top.
-    bool openSession(const QMap<QString, QVariant>& more = {}, const QString& database = {})
-    {
-        QSettings settings(m_folder.filePath(u"settings-%1.ini"_s.arg(++m_files)), QSettings::IniFormat);
-        settings.setValue(u"database/host"_s, m_server.socketFolder());
-        settings.setValue(u"database/name"_s, database.isEmpty() ? m_server.createDatabase() : database);
-        settings.setValue(u"database/user"_s, u"postgres"_s);
-        for (auto it = more.cbegin(); it != more.cend(); ++it)
-            settings.setValue(it.key(), it.value());
-        return db::open(settings, u"tarn-collect"_s);
-    }
-
-    /// A session of somebody else on the same database, to look on and to send notifications.
-    QSqlDatabase other() { return m_server.connect(session().databaseName(), u"other"_s); }
-
     QString backendId() { return scalar(u"SELECT pg_backend_pid()"_s); }
 
-    void killBackend() { test::run(other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backendId())); }
+    void killBackend() { run(m_session.other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backendId())); }
 
     QStringList heardAfter(const QStringList& sent)
     {
         QSignalSpy spy(session().driver(), &QSqlDriver::notification);
         for (const QString& channel : sent)
-            test::run(other(), u"SELECT pg_notify('%1', '')"_s.arg(channel));
+            run(m_session.other(), u"SELECT pg_notify('%1', '')"_s.arg(channel));
         const auto arrived = [&] { return spy.size() >= sent.size(); };
         [[maybe_unused]] const bool all = QTest::qWaitFor(arrived, 5000);
         QStringList heard;
@@ -60,8 +45,8 @@ private:
     }
 
     test::PostgresServer m_server;
+    test::ProductSession m_session{m_server};
     QTemporaryDir m_folder;
-    int m_files = 0;
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY(m_server.start()); }
@@ -70,15 +55,13 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        session().close();
-        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
-        QSqlDatabase::removeDatabase(u"other"_s);
+        m_session.close();
         qputenv("TZ", "UTC");
     }
 
     void openShowsItsNameToTheServer()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QCOMPARE(scalar(u"SELECT application_name FROM pg_stat_activity WHERE pid = pg_backend_pid()"_s),
                  u"tarn-collect"_s);
         QCOMPARE(scalar(u"SHOW client_min_messages"_s), u"warning"_s);
@@ -91,7 +74,9 @@ private Q_SLOTS:
         QTest::ignoreMessage(
             QtCriticalMsg,
             QRegularExpression(u"^database: .*database \"no_such_database\" does not exist"_s));
-        QVERIFY(!openSession({}, u"no_such_database"_s));
+        QVERIFY(!m_session.open({
+            {u"database/name"_s, u"no_such_database"_s}
+        }));
     }
 
     void defaultsOfAnEmptySettingsFile()
@@ -108,7 +93,7 @@ private Q_SLOTS:
 
     void timeZoneOfTheSettings()
     {
-        QVERIFY(openSession({
+        QVERIFY(m_session.open({
             {u"database/timezone"_s, u"America/New_York"_s}
         }));
         QCOMPARE(scalar(u"SHOW TimeZone"_s), u"America/New_York"_s);
@@ -124,7 +109,7 @@ private Q_SLOTS:
     {
         QFETCH(const QByteArray, zone);
         qputenv("TZ", zone);
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QCOMPARE(scalar(u"SHOW TimeZone"_s).toLatin1(), QTimeZone::systemTimeZoneId());
         QCOMPARE(scalar(u"SHOW TimeZone"_s).toLatin1(), zone);
     }
@@ -132,7 +117,7 @@ private Q_SLOTS:
     void unknownTimeZoneIsOnlyLogged()
     {
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*Middle-Earth"_s));
-        QVERIFY(openSession({
+        QVERIFY(m_session.open({
             {u"database/timezone"_s, u"Middle-Earth"_s}
         }));
         QCOMPARE(scalar(u"SELECT 1"_s), u"1"_s);
@@ -140,7 +125,7 @@ private Q_SLOTS:
 
     void zoneOutlivesATransaction()
     {
-        QVERIFY(openSession({
+        QVERIFY(m_session.open({
             {u"database/timezone"_s, u"Asia/Tokyo"_s}
         }));
         QVERIFY(session().transaction());
@@ -150,7 +135,7 @@ private Q_SLOTS:
 
     void ensureLeavesAHealthySessionAlone()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         const QString before = backendId();
         QVERIFY(db::ensure(false));
         QCOMPARE(backendId(), before);
@@ -158,7 +143,7 @@ private Q_SLOTS:
 
     void ensureByForceReconnects()
     {
-        QVERIFY(openSession({
+        QVERIFY(m_session.open({
             {u"database/timezone"_s, u"Asia/Tokyo"_s}
         }));
         QVERIFY(session().driver()->subscribeToNotification(u"first"_s));
@@ -175,7 +160,7 @@ private Q_SLOTS:
 
     void lossSeenByAStatementIsRepairedByTheNextEnsure()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         killBackend();
         QSqlQuery query;
         QVERIFY(!query.exec(u"SELECT 1"_s));
@@ -186,7 +171,7 @@ private Q_SLOTS:
 
     void lossSeenByTheEventLoopIsRepairedByTheNextEnsure()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QVERIFY(session().driver()->subscribeToNotification(u"news"_s));
         killBackend();
         // No warning of an invalid socket may come while the loop runs on.
@@ -199,7 +184,7 @@ private Q_SLOTS:
 
     void channelsSurviveFailedReconnects()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QVERIFY(session().driver()->subscribeToNotification(u"first"_s));
         QVERIFY(session().driver()->subscribeToNotification(u"second"_s));
         m_server.stop();
@@ -218,7 +203,7 @@ private Q_SLOTS:
 
     void execLogsTheServersReason()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QSqlQuery query;
         query.prepare(u"SELECT CAST(? AS integer)"_s);
         query.addBindValue(u"twelve"_s);
@@ -231,7 +216,7 @@ private Q_SLOTS:
 
     void execWithoutASessionSaysSo()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QSqlQuery before;
         QVERIFY(before.prepare(u"SELECT 1"_s));
         killBackend();
@@ -252,7 +237,7 @@ private Q_SLOTS:
 
     void execOfWhatCannotBePreparedGivesTheReasonOfThat()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QSqlQuery query;
         QVERIFY(!query.prepare(u"SELECT ? FROM no_such_table"_s));
         query.addBindValue(1);
@@ -262,17 +247,19 @@ private Q_SLOTS:
 
     void schemaVersionIsTheHighest()
     {
-        QVERIFY(openSession());
+        QVERIFY(m_session.open());
         QCOMPARE(db::schemaVersion(), 11);
-        test::run(session(), u"INSERT INTO tarn.schema_migrations (version) VALUES (12)"_s);
+        run(u"INSERT INTO tarn.schema_migrations (version) VALUES (12)"_s);
         QCOMPARE(db::schemaVersion(), 12);
-        test::run(session(), u"DELETE FROM tarn.schema_migrations"_s);
+        run(u"DELETE FROM tarn.schema_migrations"_s);
         QCOMPARE(db::schemaVersion(), 0);
     }
 
     void schemaVersionWithoutTheTable()
     {
-        QVERIFY(openSession({}, m_server.createEmptyDatabase()));
+        QVERIFY(m_session.open({
+            {u"database/name"_s, m_server.createEmptyDatabase()}
+        }));
         QCOMPARE(db::schemaVersion(), 0);
     }
 

@@ -1,7 +1,7 @@
 #include "common/Gzip.h"
+#include "support/GzipProgram.h"
 
 #include <QFile>
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -11,19 +11,9 @@
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
+using tarn::test::gzip;
 
 namespace {
-
-/// @p data as the gzip program compresses it.
-QByteArray gzip(const QByteArray& data)
-{
-    QProcess process;
-    process.start(u"gzip"_s, {u"-c"_s, u"-1"_s});
-    process.write(data);
-    process.closeWriteChannel();
-    process.waitForFinished(-1);
-    return process.readAllStandardOutput();
-}
 
 /// Bytes that hardly compress, the same each time.
 QByteArray noise(qsizetype size)

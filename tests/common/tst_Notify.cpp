@@ -494,7 +494,7 @@ private Q_SLOTS:
         config.webhookFormat = u"json"_s;
         const qint64 before = QDateTime::currentSecsSinceEpoch();
         QCOMPARE(errorOf(config), QString());
-        const QJsonObject json = QJsonDocument::fromJson(m_web.requests().first().body).object();
+        const QJsonObject json = m_web.requests().first().json();
         QVERIFY(json[u"at"].toInteger() >= before);
         QVERIFY(json[u"at"].toInteger() <= QDateTime::currentSecsSinceEpoch());
     }

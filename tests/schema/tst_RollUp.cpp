@@ -3,7 +3,6 @@
 #include "support/PostgresServer.h"
 
 #include <QDate>
-#include <QFile>
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlError>
@@ -228,16 +227,12 @@ private:
         run(u"LOAD 'auto_explain'; SET auto_explain.log_nested_statements = on; SET auto_explain.log_analyze "
             u"= on; "
             "SET auto_explain.log_min_duration = 0"_s);
-        QFile log(m_server.socketFolder() + u"/data/log/server.log"_s);
-        const qint64 before = log.size();
+        const qsizetype before = m_server.log().size();
         run(statement);
         run(u"SET auto_explain.log_min_duration = -1; DO $$ BEGIN RAISE LOG 'end of plans'; END $$"_s);
         QString text;
         const auto complete = [&] {
-            if (!log.isOpen() && !log.open(QIODevice::ReadOnly))
-                return false;
-            log.seek(before);
-            text = QString::fromUtf8(log.readAll());
+            text = m_server.log().sliced(before);
             return text.contains(u"end of plans"_s);
         };
         return QTest::qWaitFor(complete) ? text : u"no plans"_s;

@@ -5,7 +5,6 @@
 #include <QSslSocket>
 
 #include <algorithm>
-#include <array>
 #include <memory>
 
 using namespace Qt::Literals::StringLiterals;
@@ -16,43 +15,10 @@ namespace {
 
 constexpr qsizetype kChunkBytes = 1'000;
 
-/// What Qt's client sends with every request.
-constexpr std::array<QByteArrayView, 6> kUsualHeaders = {
-    "host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"};
-
-bool isUsual(const QByteArray& name)
-{
-    return std::find(kUsualHeaders.begin(), kUsualHeaders.end(), name.toLower()) != kUsualHeaders.end();
-}
-
 QByteArray contents(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-/// Takes a whole request off the front of @p buffer; false while there is none.
-bool takeRequest(QByteArray& buffer, FakeHosts::Request& request)
-{
-    const qsizetype end = buffer.indexOf("\r\n\r\n");
-    if (end < 0)
-        return false;
-    const QList<QByteArray> lines = buffer.first(end).split('\n');
-    FakeHosts::Request found;
-    const QList<QByteArray> words = lines.first().trimmed().split(' ');
-    found.method = words.value(0);
-    found.target = words.value(1);
-    for (const QByteArray& line : lines.sliced(1)) {
-        const qsizetype colon = line.indexOf(':');
-        found.headers.append({line.first(std::max<qsizetype>(colon, 0)), line.mid(colon + 1).trimmed()});
-    }
-    const qsizetype length = found.header("Content-Length").toLongLong();
-    if (buffer.size() < end + 4 + length)
-        return false;
-    found.body = buffer.sliced(end + 4, length);
-    buffer = buffer.sliced(end + 4 + length);
-    request = found;
-    return true;
 }
 
 QByteArray inChunks(const QByteArray& body)
@@ -73,24 +39,6 @@ struct FakeHosts::Connection
     QByteArray buffer;
     QByteArray host; ///< empty until it has asked for a tunnel
 };
-
-QByteArray FakeHosts::Request::header(const QByteArray& name) const
-{
-    const auto found = std::find_if(headers.begin(), headers.end(), [&name](const auto& entry) {
-        return entry.first.compare(name, Qt::CaseInsensitive) == 0;
-    });
-    return found == headers.end() ? QByteArray() : found->second;
-}
-
-QByteArray FakeHosts::Request::text() const
-{
-    QByteArray text = method + " https://" + host + target + '\n';
-    for (const auto& [name, value] : headers) {
-        if (!isUsual(name))
-            text += name + ": " + value + '\n';
-    }
-    return text + '\n' + body;
-}
 
 FakeHosts::FakeHosts() = default;
 
@@ -206,7 +154,7 @@ void FakeHosts::read(QSslSocket* socket, Connection& connection)
         return;
     }
     Request request;
-    while (takeRequest(connection.buffer, request)) {
+    while (request.takeFrom(connection.buffer)) {
         request.host = connection.host;
         m_requests.append(request);
         respond(socket, request);
@@ -216,7 +164,7 @@ void FakeHosts::read(QSslSocket* socket, Connection& connection)
 void FakeHosts::tunnel(QSslSocket* socket, Connection& connection)
 {
     Request request;
-    if (!takeRequest(connection.buffer, request))
+    if (!request.takeFrom(connection.buffer))
         return;
     const QByteArray host = request.target.first(std::max<qsizetype>(request.target.indexOf(':'), 0));
     if (request.method != "CONNECT" || !request.target.endsWith(":443")
@@ -268,10 +216,11 @@ void FakeHosts::respond(QSslSocket* socket, const Request& request)
     head += chunked ? QByteArray("Transfer-Encoding: chunked")
                     : "Content-Length: " + QByteArray::number(reply.body.size());
     socket->write(head + "\r\n\r\n");
-    if (reply.delivery == Delivery::CutInBody || reply.delivery == Delivery::StalledBody)
+    if (reply.delivery == Delivery::CutInBody || reply.delivery == Delivery::StalledBody) {
         socket->write(reply.body.first(reply.body.size() / 2));
-    else
+    } else {
         socket->write(chunked ? inChunks(reply.body) : reply.body);
+    }
     if (reply.delivery == Delivery::CutInBody)
         socket->disconnectFromHost();
 }

@@ -3,12 +3,12 @@
 // a script. It runs on the test's own thread, whenever the event loop does.
 #pragma once
 
+#include "support/HttpRequest.h"
 #include "support/TestAuthority.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QMap>
-#include <QPair>
 #include <QStringList>
 #include <QTcpServer>
 
@@ -21,23 +21,8 @@ namespace tarn::test {
 class FakeHosts : public QTcpServer
 {
 public:
-    using Headers = QList<QPair<QByteArray, QByteArray>>;
-
-    struct Request
-    {
-        QByteArray method;
-        QByteArray host;   ///< as the proxy was asked for, without the port
-        QByteArray target; ///< as it stood in the request line
-        Headers headers;   ///< in the order received
-        QByteArray body;
-
-        /// Empty when there is no such header; names in any case.
-        QByteArray header(const QByteArray& name) const;
-        /// "METHOD https://host/target", the headers, an empty line and the body: all that a test can want to
-        /// know. Headers that the client library always sends (Host, Content-Length, User-Agent, ...) are
-        /// left out.
-        QByteArray text() const;
-    };
+    using Headers = HttpRequest::Headers;
+    using Request = HttpRequest;
 
     enum class Delivery : quint8 {
         Whole,

@@ -2,12 +2,11 @@
 
 #include "support/TestAuthority.h"
 
+#include <QPointer>
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QTimer>
 
-#include <algorithm>
-#include <array>
 #include <memory>
 
 using namespace Qt::Literals::StringLiterals;
@@ -16,63 +15,11 @@ namespace tarn::test {
 
 namespace {
 
+constexpr int kLateMs = 20;
 constexpr int kTrickleMs = 500;
 constexpr qsizetype kFloodBytes = 65'536;
 
-/// What Qt's client sends with every request.
-constexpr std::array<QByteArrayView, 6> kUsualHeaders = {
-    "host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"};
-
-bool isUsual(const QByteArray& name)
-{
-    return std::find(kUsualHeaders.begin(), kUsualHeaders.end(), name.toLower()) != kUsualHeaders.end();
-}
-
-/// Takes a whole request off the front of @p buffer; false while there is none.
-bool takeRequest(QByteArray& buffer, FakeHttp::Request& request)
-{
-    const qsizetype end = buffer.indexOf("\r\n\r\n");
-    if (end < 0)
-        return false;
-    QByteArray head = buffer.first(end);
-    // A carriage return or line feed of its own stays in the name or value, and shows.
-    const QList<QByteArray> lines = head.replace("\r\n", QByteArray(1, '\0')).split('\0');
-    const QList<QByteArray> words = lines.first().split(' ');
-    FakeHttp::Request found;
-    found.method = words.value(0);
-    found.target = words.value(1);
-    for (const QByteArray& line : lines.sliced(1)) {
-        const qsizetype colon = line.indexOf(": ");
-        found.headers.append({line.first(std::max<qsizetype>(colon, 0)), line.mid(colon + 2)});
-    }
-    const qsizetype length = found.header("Content-Length").toLongLong();
-    if (buffer.size() < end + 4 + length)
-        return false;
-    found.body = buffer.sliced(end + 4, length);
-    buffer = buffer.sliced(end + 4 + length);
-    request = found;
-    return true;
-}
-
 } // namespace
-
-QByteArray FakeHttp::Request::header(const QByteArray& name) const
-{
-    const auto found = std::find_if(headers.begin(), headers.end(), [&name](const auto& entry) {
-        return entry.first.compare(name, Qt::CaseInsensitive) == 0;
-    });
-    return found == headers.end() ? QByteArray() : found->second;
-}
-
-QByteArray FakeHttp::Request::text() const
-{
-    QByteArray text = method + ' ' + target + '\n';
-    for (const auto& [name, value] : headers) {
-        if (!isUsual(name))
-            text += name + ": " + value + '\n';
-    }
-    return text + '\n' + body;
-}
 
 FakeHttp::~FakeHttp()
 {
@@ -105,7 +52,7 @@ void FakeHttp::reset()
         socket->abort();
         delete socket;
     }
-    m_reply = reply("200 OK");
+    m_answerer = nullptr;
     m_requests.clear();
     m_connections = 0;
     m_floodedBytes = 0;
@@ -133,22 +80,29 @@ void FakeHttp::incomingConnection(qintptr descriptor)
 void FakeHttp::read(QSslSocket* socket, QByteArray& buffer)
 {
     buffer += socket->readAll();
+    // What makes the reply may run the event loop, which deletes a socket that is closed.
+    const QPointer<QSslSocket> open(socket);
     Request request;
-    while (takeRequest(buffer, request)) {
+    while (open && request.takeFrom(buffer)) {
         m_requests.append(request);
-        answer(socket);
+        const Reply made = m_answerer ? m_answerer(request) : reply("200 OK");
+        if (open)
+            respond(socket, made);
     }
 }
 
-void FakeHttp::answer(QSslSocket* socket)
+void FakeHttp::respond(QSslSocket* socket, const Reply& reply)
 {
-    socket->write(m_reply.bytes);
+    socket->write(reply.bytes);
     const auto write = [this, socket](qsizetype bytes) {
         m_floodedBytes += socket->write(QByteArray(bytes, 'x'));
     };
-    switch (m_reply.then) {
+    switch (reply.then) {
     case Then::Close:
         socket->disconnectFromHost();
+        break;
+    case Then::CloseLate:
+        QTimer::singleShot(kLateMs, socket, &QSslSocket::disconnectFromHost);
         break;
     case Then::StayOpen:
         break;

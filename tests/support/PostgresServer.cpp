@@ -180,6 +180,20 @@ QString PostgresServer::runFile(const QString& database, const QString& file,
     return psql.exitCode() == 0 ? QString() : u"psql failed: "_s + errors;
 }
 
+QString PostgresServer::log() const
+{
+    QFile file(m_folder.filePath(u"data/log/server.log"_s));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+QStringList PostgresServer::logBetween(const QString& start, const QString& end) const
+{
+    const QString all = log();
+    const qsizetype from = all.lastIndexOf(start);
+    const qsizetype to = from < 0 ? -1 : all.indexOf(end, from);
+    return to < 0 ? QStringList() : all.sliced(from, to - from).split(u'\n');
+}
+
 QSqlDatabase PostgresServer::connect(const QString& database, const QString& connection,
                                      const QString& user) const
 {

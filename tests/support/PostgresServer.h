@@ -5,6 +5,7 @@
 #include <QProcess>
 #include <QSqlDatabase>
 #include <QString>
+#include <QStringList>
 #include <QTemporaryDir>
 
 namespace tarn::test {
@@ -35,6 +36,11 @@ public:
     QString createEmptyDatabase();
     /// Runs a file as `psql -v ON_ERROR_STOP=1 -f` does; empty on success, else what psql printed as errors.
     QString runFile(const QString& database, const QString& file, const QStringList& options = {}) const;
+
+    /// What it has logged since start().
+    QString log() const;
+    /// The lines of it from the latest @p start to the @p end behind that; none while either is missing.
+    QStringList logBetween(const QString& start, const QString& end) const;
 
     /// A session of the test's own, named @p connection in Qt's SQL module, beside the product's default one.
     QSqlDatabase connect(const QString& database, const QString& connection,

@@ -2,11 +2,11 @@
 
 #include "support/Collector.h"
 #include "support/FakeHosts.h"
+#include "support/GzipProgram.h"
 #include "support/PostgresServer.h"
 
 #include <QDate>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QTemporaryDir>
@@ -28,12 +28,7 @@ QByteArray countryFile()
         const QByteArray net = "10." + QByteArray::number(i / 250) + '.' + QByteArray::number(i % 250) + '.';
         lines += net + "0," + net + "255,DE\n";
     }
-    QProcess gzip;
-    gzip.start(u"gzip"_s, {u"-c"_s});
-    gzip.write(lines);
-    gzip.closeWriteChannel();
-    gzip.waitForFinished();
-    return gzip.readAllStandardOutput();
+    return test::gzip(lines);
 }
 
 /// Google, for an account with one property and one day of figures.

@@ -52,12 +52,6 @@ private:
         return QTest::qWaitFor(all, 60'000);
     }
 
-    QString serverLog() const
-    {
-        QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    }
-
     test::PostgresServer m_server;
     QString m_name;
     QSqlDatabase m_database;
@@ -105,14 +99,14 @@ private Q_SLOTS:
         QVERIFY2(share < 0.25, qPrintable(QString::number(share)));
 
         log(10);
-        const qsizetype told = serverLog().count(u"LISTEN "_s);
+        const qsizetype told = m_server.log().count(u"LISTEN "_s);
         QVERIFY(m_server.restart());
         QVERIFY(m_collector->waitForLog(u"database: reconnected"_s));
         QVERIFY(waitForAllLines());
         QCOMPARE(value(u"SELECT count(*) FROM tarn.hits"_s).toInt(), m_lines);
         // It listens again, in the same order, and in its own time zone.
-        QTRY_COMPARE(serverLog().count(u"LISTEN "_s), told + 2);
-        const QString log = serverLog();
+        QTRY_COMPARE(m_server.log().count(u"LISTEN "_s), told + 2);
+        const QString log = m_server.log();
         QVERIFY(log.lastIndexOf(u"LISTEN \"tarn_sync\""_s) < log.lastIndexOf(u"LISTEN \"tarn_usage\""_s));
         QVERIFY(log.lastIndexOf(u"Asia/Tokyo"_s) < log.lastIndexOf(u"LISTEN \"tarn_sync\""_s));
     }

@@ -3,7 +3,6 @@
 #include "support/Collector.h"
 #include "support/PostgresServer.h"
 
-#include <QFile>
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlQuery>
@@ -167,11 +166,7 @@ private Q_SLOTS:
         QVERIFY(waitUntilRunning());
         static const QRegularExpression inOrder(u"LISTEN \"?tarn_sync.*LISTEN \"?tarn_usage"_s,
                                                 QRegularExpression::DotMatchesEverythingOption);
-        const auto logged = [this] {
-            QFile file(m_server.socketFolder() + u"/data/log/server.log"_s);
-            return file.open(QIODevice::ReadOnly) && QString::fromUtf8(file.readAll()).contains(inOrder);
-        };
-        QTRY_VERIFY(logged());
+        QTRY_VERIFY(m_server.log().contains(inOrder));
     }
 
     void notificationsAreTaken()

@@ -1,0 +1,77 @@
+// The product's database session, opened as its program does it, on a database of the test's server. For the
+// tests of what runs on that session; whoever includes this links the product's common library.
+#pragma once
+
+#include "common/Db.h"
+#include "support/PostgresServer.h"
+
+#include <QMap>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QVariant>
+
+namespace tarn::test {
+
+/// What value() and run() of the server's header do, on the product's session.
+inline QString scalar(const QString& statement)
+{
+    return value(db::session(), statement);
+}
+inline void run(const QString& statement)
+{
+    run(db::session(), statement);
+}
+
+class ProductSession
+{
+public:
+    explicit ProductSession(PostgresServer& server)
+        : m_server(server)
+    {
+    }
+
+    /// Opens it with @p settings ("database/timezone", ...), on a new database if they name none.
+    bool open(const QMap<QString, QVariant>& settings = {})
+    {
+        using namespace Qt::Literals::StringLiterals;
+        QSettings file(m_folder.filePath(u"session-%1.ini"_s.arg(++m_files)), QSettings::IniFormat);
+        file.setValue(u"database/host"_s, m_server.socketFolder());
+        file.setValue(u"database/user"_s, u"postgres"_s);
+        for (auto it = settings.cbegin(); it != settings.cend(); ++it)
+            file.setValue(it.key(), it.value());
+        if (!file.contains(u"database/name"_s))
+            file.setValue(u"database/name"_s, m_server.createDatabase());
+        return db::open(file, u"tarn-collect"_s);
+    }
+
+    /// Closes it, and other(). The running test fails if a prepared statement or a transaction was left in an
+    /// open one.
+    void close()
+    {
+        using namespace Qt::Literals::StringLiterals;
+        const auto clean = u"0 prepared, in a transaction: f"_s;
+        // In a transaction the time stands still.
+        const QString left = db::session().isOpen()
+                                 ? scalar(u"SELECT format('%s prepared, in a transaction: %s', count(*), "
+                                          "now() <> statement_timestamp()) FROM pg_prepared_statements"_s)
+                                 : clean;
+        QSqlDatabase::removeDatabase(u"other"_s);
+        QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
+        QCOMPARE(left, clean);
+    }
+
+    /// A session of somebody else on the same database.
+    QSqlDatabase other() const
+    {
+        return m_server.connect(db::session().databaseName(), QStringLiteral("other"));
+    }
+
+private:
+    PostgresServer& m_server;
+    QTemporaryDir m_folder;
+    int m_files = 0;
+};
+
+} // namespace tarn::test
