@@ -201,11 +201,11 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
     QByteArray data;
     bool intact = false;
     if (!file.isEmpty()) {
-        qInfo("collect: geoip: loading %s", qPrintable(file));
+        qInfo("collect: loading countries from %s", qPrintable(file));
         data = readMaybeGzip(file, &intact);
     } else {
         const QUrl address(kAddress.arg(month));
-        qInfo("collect: geoip: loading %s", qPrintable(address.toString()));
+        qInfo("collect: loading countries from %s", qPrintable(address.toString()));
         const Download answer = download(address);
         if (!answer.error.isEmpty())
             return u"download failed: "_s + answer.error;

@@ -390,7 +390,7 @@ QString sync(const Client& client)
 
     const QList<Site> sites = mappedSites();
     if (!sites.isEmpty())
-        qInfo("collect: google: synchronising %d sites", static_cast<int>(sites.size()));
+        qInfo("collect: synchronising %d sites with Google", static_cast<int>(sites.size()));
     QStringList results;
     for (const Site& site : sites) {
         results.append(site.host + u": "_s + syncSite(token, site));

@@ -115,6 +115,8 @@ void Health::sample()
     const QScopedValueRollback<bool> sampling(m_sampling, true);
 
     const Counters current = read();
+    // The wait for Apache is also where the loss of the session is noticed, and the session closed.
+    db::ensure(false);
     const HostFigures host = readFigures();
     store(sampleValues(m_prev, current, host));
     m_prev = current;

@@ -87,7 +87,11 @@ void Health::check(const QString& kind, const QString& subject, bool bad, const 
     const QString key = kind + u'/' + subject;
     const Streak streak = nextStreak(m_streak.value(key), bad, n);
     m_streak.insert(key, streak.length);
+    if (streak.action == AlertAction::None)
+        return;
 
+    // An alert is opened once: a session that was lost while an earlier one was delivered must not cost it.
+    db::ensure(false);
     const QString storedKind = db::storable(kind);
     const QString storedSubject = db::storable(subject);
     const QString storedText = db::storable(text);

@@ -288,6 +288,9 @@ int main(int argc, char** argv)
           [&health] { health.sample(); });
     health.sample();
 
+    // That sample's wait for Apache is long enough for a restart of the server.
+    tarn::db::ensure(false);
+
     Ingest ingest;
     if (!ingest.init()) {
         qCritical("analytics tables are missing; run tarn-admin migrate");

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -232,9 +233,10 @@ QByteArray mailMessage(const Config& config, const QString& subject, const QStri
 
 QString mailSettingsProblem(const Config& config)
 {
-    if (config.mailFrom.isEmpty())
-        return u"mail_from is empty, and so is smtp_user"_s;
-    for (const QString& address : QStringList{config.mailFrom} + config.mailTo) {
+    QStringList addresses = config.mailTo;
+    if (!config.mailFrom.isEmpty()) // without a sender it is still a mail, with the empty reverse path
+        addresses.prepend(config.mailFrom);
+    for (const QString& address : std::as_const(addresses)) {
         if (!isSendable(address))
             return u"\"%1\" is not a plain mail address"_s.arg(excerpt(address));
     }

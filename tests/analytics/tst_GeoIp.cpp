@@ -125,7 +125,7 @@ private:
     }
     static QString loadFile(const QString& path)
     {
-        QTest::ignoreMessage(QtInfoMsg, qPrintable(u"collect: geoip: loading "_s + path));
+        QTest::ignoreMessage(QtInfoMsg, qPrintable(u"collect: loading countries from "_s + path));
         bool ok = true;
         const QString message = updateGeoIp(path, &ok, kDay);
         return ok == message.startsWith(u"loaded "_s) ? message : u"flag and message differ: "_s + message;
@@ -140,7 +140,7 @@ private:
     }
     static QString download()
     {
-        QTest::ignoreMessage(QtInfoMsg, ("collect: geoip: loading " + kAddress).constData());
+        QTest::ignoreMessage(QtInfoMsg, ("collect: loading countries from " + kAddress).constData());
         bool ok = true;
         const QString message = updateGeoIp({}, &ok, kDay);
         return ok == message.startsWith(u"loaded "_s) ? message : u"flag and message differ: "_s + message;
@@ -235,7 +235,7 @@ private Q_SLOTS:
         QVERIFY(geoIpIsStale());
         bool ok = false;
         const QString path = makeFile(u"ranges.csv"_s, text(lines(1000)));
-        QTest::ignoreMessage(QtInfoMsg, qPrintable(u"collect: geoip: loading "_s + path));
+        QTest::ignoreMessage(QtInfoMsg, qPrintable(u"collect: loading countries from "_s + path));
         const QString before = QDate::currentDate().toString(u"yyyy-MM"_s);
         QCOMPARE(updateGeoIp(path, &ok), loaded(1000));
         QVERIFY(ok);

@@ -819,7 +819,7 @@ private Q_SLOTS:
                    "FROM tarn.search_rows"_s),
             u"1 google 2024-10-10 red shoes /shop/ DE mobile 1 20 2.5|1 google 2024-10-11 schöne schuhe "
             "/shop/schön NULL desktop 0 7 9"_s);
-        QCOMPARE(g_messages, QStringList{u"collect: google: synchronising 2 sites"_s});
+        QCOMPARE(g_messages, QStringList{u"collect: synchronising 2 sites with Google"_s});
     }
 
     void theLastStoredDayMayBeToday()

@@ -987,13 +987,23 @@ private Q_SLOTS:
         QCOMPARE(server.mails().size(), 1);
 
         config.webhookUrl = m_web.url(u"/topic"_s);
-        config.mailFrom.clear();
-        expectWarning(u"notify: email failed: mail_from is empty, and so is smtp_user"_s);
+        config.mailFrom = u"the collector"_s;
+        expectWarning(u"notify: email failed: \"the collector\" is not a plain mail address"_s);
         const QJsonArray report = notify::send(config, kAlert);
         QCOMPARE(report.size(), 2);
         QVERIFY(report.at(0).toObject()[u"ok"].toBool());
         QVERIFY(!report.at(1).toObject()[u"ok"].toBool());
         QCOMPARE(m_web.requests().size(), 1);
+    }
+
+    void withoutASenderItIsStillAMail()
+    {
+        test::FakeSmtp server;
+        QVERIFY(server.takeMail());
+        Config config = mailConfig(server.port());
+        config.mailFrom.clear();
+        QCOMPARE(compact(notify::send(config, kAlert)), "[{\"channel\":\"email\",\"ok\":true}]");
+        QVERIFY(server.commands().contains("MAIL FROM:<>"));
     }
 
     void bothChannelsFail()

@@ -570,8 +570,6 @@ private Q_SLOTS:
         const auto bad = [](const QString& address) {
             return u"\"%1\" is not a plain mail address"_s.arg(address);
         };
-        QTest::newRow("no-sender") << QString() << good << QString()
-                                   << u"mail_from is empty, and so is smtp_user"_s;
         QTest::newRow("sender-with-name")
             << u"Tarn <a@example.org>"_s << good << QString() << bad(u"Tarn <a@example.org>"_s);
         QTest::newRow("sender-closes-bracket")

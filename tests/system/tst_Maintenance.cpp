@@ -141,7 +141,7 @@ private Q_SLOTS:
                      .hasMatch(),
                  qPrintable(log.at(1)));
         QCOMPARE(log.at(2), QDate::currentDate().toString(
-                                u"'collect: geoip: loading "
+                                u"'collect: loading countries from "
                                 "https://download.db-ip.com/free/dbip-country-lite-'yyyy-MM'.csv.gz'"_s));
         QVERIFY2(log.at(3).startsWith(u"collect: geoip: download failed: "_s), qPrintable(log.at(3)));
         QCOMPARE(host->value(u"SELECT 'collect: google: ' || last_result FROM tarn.engine_accounts"_s),

@@ -181,6 +181,32 @@ private Q_SLOTS:
         QCOMPARE(mailServer.complaints(), QStringList());
     }
 
+    void aSessionLostWhileApacheIsAskedCostsNoAlert_data()
+    {
+        QTest::addColumn<int>("sample");
+        QTest::newRow("first-before-the-loop-runs") << 1;
+        QTest::newRow("third-which-opens-the-alert") << 3;
+    }
+    void aSessionLostWhileApacheIsAskedCostsNoAlert()
+    {
+        QFETCH(const int, sample);
+        int samples = 0;
+        m_apache.answer([&](const FakeHttp::Request&) {
+            if (++samples == sample) {
+                run(u"SELECT pg_terminate_backend(pid, 5000) FROM pg_stat_activity "
+                    "WHERE application_name = 'tarn-collect' AND datname = current_database()"_s);
+            }
+            return statusPage(10);
+        });
+        m_collector->start();
+        const QString text = u"Apache is using 10 of 10 workers; new visitors wait in line"_s;
+        QVERIFY(m_collector->waitForLog(u"alert: "_s + text));
+        QTRY_COMPARE_WITH_TIMEOUT(m_webhook.requests().size(), 1, kWaitMs);
+        QCOMPARE(m_collector->log().filter(u"database: reconnected"_s).size(), 1);
+        QCOMPARE(alerts(), u"apache|workers|"_s + text + u"|open"_s);
+        QTRY_COMPARE_WITH_TIMEOUT(m_collector->agent.calls(u"hosting.usage"_s).size(), 1, kWaitMs);
+    }
+
     void services()
     {
         fakeSystemctl();
