@@ -9,12 +9,12 @@
 #include <QTextStream>
 
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -33,47 +33,60 @@ const auto kNowhere = u"http://127.0.0.1:1"_s;
 constexpr auto kCertificates = "/etc/ssl/certs";
 /// The exit status of a child that could not be set up.
 constexpr int kNotSetUp = 126;
+const QByteArray kDeny = "deny";
 
-void write(const char* path, const QByteArray& text)
+bool write(const char* path, const QByteArray& text)
 {
     const int file = open(path, O_WRONLY | O_CLOEXEC);
-    if (file < 0 || ::write(file, text.constData(), static_cast<size_t>(text.size())) != text.size())
-        perror(path);
+    const ssize_t written = ::write(file, text.constData(), static_cast<size_t>(text.size()));
     close(file);
+    return written == text.size();
 }
 
-/// Puts @p folder in the place of the system's certificates, for the calling process and its children alone.
-bool hideCertificates(const char* folder)
+/// What a child is told before it becomes the collector. It does it on a stack of 4 kB and in the memory of
+/// the test: with nothing but system calls, on texts that are ready.
+struct ChildSetUp
 {
-    if (geteuid() == 0) {
-        if (unshare(CLONE_NEWNS) != 0)
-            return false;
-    } else {
+    QByteArray authorityFolder; ///< empty for the system's certificates
+    bool obeysFileModes = false;
+    int namespaces = CLONE_NEWNS;
+    QByteArray userMap = {};
+    QByteArray groupMap = {};
+};
+
+ChildSetUp childSetUp(const QByteArray& authorityFolder, bool obeysFileModes)
+{
+    ChildSetUp setUp{.authorityFolder = authorityFolder, .obeysFileModes = obeysFileModes};
+    if (geteuid() != 0) {
         // An ordinary user may mount in a namespace where it rules, and where it is still known as itself.
-        const QByteArray user = QByteArray::number(geteuid());
-        const QByteArray group = QByteArray::number(getegid());
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            return false;
-        write("/proc/self/setgroups", "deny");
-        write("/proc/self/uid_map", user + ' ' + user + " 1");
-        write("/proc/self/gid_map", group + ' ' + group + " 1");
+        setUp.namespaces |= CLONE_NEWUSER;
+        setUp.userMap = QByteArray::number(geteuid()) + ' ' + QByteArray::number(geteuid()) + " 1";
+        setUp.groupMap = QByteArray::number(getegid()) + ' ' + QByteArray::number(getegid()) + " 1";
     }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-           && mount(folder, kCertificates, nullptr, MS_BIND, nullptr) == 0;
+    return setUp;
 }
 
-/// What a child does before it becomes the collector; @p authorityFolder is empty for the system's.
-void setUp(const QByteArray& authorityFolder, bool obeysFileModes)
+/// Puts the authority in the place of the system's, for the calling process and its children alone.
+bool hideCertificates(const ChildSetUp& setUp)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (!authorityFolder.isEmpty() && !hideCertificates(authorityFolder.constData())) {
-        perror("a mount namespace of its own");
+    return unshare(setUp.namespaces) == 0
+           && (setUp.userMap.isEmpty()
+               || (write("/proc/self/setgroups", kDeny) && write("/proc/self/uid_map", setUp.userMap)
+                   && write("/proc/self/gid_map", setUp.groupMap)))
+           && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+           && mount(setUp.authorityFolder.constData(), kCertificates, nullptr, MS_BIND, nullptr) == 0;
+}
+
+void become(const ChildSetUp& setUp)
+{
+    if (!setUp.authorityFolder.isEmpty() && !hideCertificates(setUp))
         _exit(kNotSetUp);
-    }
-    if (obeysFileModes) {
+    if (setUp.obeysFileModes) {
         prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
     }
+    // After a change of rights, which clears it.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
 } // namespace
@@ -96,13 +109,17 @@ void Collector::trust(const FakeHosts& hosts)
     environment[u"https_proxy"_s] = hosts.proxyUrl();
     environment[u"no_proxy"_s] = QString();
 
-    QProcess probe;
-    probe.setChildProcessModifier([folder = m_authorityFolder] { setUp(folder, false); });
-    probe.start(u"true"_s, QStringList());
-    if (!probe.waitForFinished(kExitMs) || probe.exitCode() != 0) {
+    // A child that does not come up would only look like a collector that ends by itself.
+    const ChildSetUp setUp = childSetUp(m_authorityFolder, false);
+    const pid_t probe = fork();
+    if (probe == 0) {
+        become(setUp);
+        _exit(0);
+    }
+    int status = 0;
+    if (probe < 0 || waitpid(probe, &status, 0) != probe || status != 0) {
         qFatal("this kernel or container gives a test no certificates of its own; run as root, or allow "
-               "user namespaces (sysctl kernel.unprivileged_userns_clone=1): %s",
-               probe.readAllStandardError().constData());
+               "user namespaces (sysctl kernel.unprivileged_userns_clone=1)");
     }
 }
 
@@ -164,7 +181,7 @@ void Collector::startWith(const QStringList& arguments)
         variables.insert(it.key(), it.value());
     m_process.setProcessEnvironment(variables);
     m_process.setChildProcessModifier(
-        [folder = m_authorityFolder, obeys = m_obeysFileModes] { setUp(folder, obeys); });
+        [setUp = childSetUp(m_authorityFolder, m_obeysFileModes)] { become(setUp); });
     m_process.start(QStringLiteral(TARN_COLLECT_BINARY), arguments);
     if (!m_process.waitForStarted())
         qFatal("cannot start %s", TARN_COLLECT_BINARY);
