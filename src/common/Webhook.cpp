@@ -55,12 +55,12 @@ QByteArray quoted(const QString& text)
 WebhookPayload ntfyPayload(const Config& config, const Message& message, const QDateTime& now)
 {
     const bool isTest = message.kind == u"test";
+    const QByteArray priority = message.cleared || isTest ? "default" : "high";
+    const QByteArray tag = message.cleared ? "white_check_mark" : (isTest ? "bell" : "warning");
     WebhookPayload payload{"text/plain; charset=utf-8", {}, body(config, message, now).toUtf8()};
-    payload.headers = {
-        {"Title", headerValue(title(config, message))},
-        {"Priority",       message.cleared || isTest ? "default" : "high"                     },
-        {"Tags",       message.cleared ? "white_check_mark" : (isTest ? "bell" : "warning")    },
-    };
+    payload.headers.append({"Title", headerValue(title(config, message))});
+    payload.headers.append({"Priority", priority});
+    payload.headers.append({"Tags", tag});
     if (!config.panelUrl.isEmpty())
         payload.headers.append({"Click", headerValue(config.panelUrl)});
     return payload;
