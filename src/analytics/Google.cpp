@@ -188,7 +188,7 @@ QString hostOf(const QString& property)
 QHash<QString, QString> bestProperties(const QJsonArray& entries)
 {
     QHash<QString, QString> best;
-    for (const QJsonValue& entry : entries) {
+    for (const QJsonValue entry : entries) {
         const QString property = entry[u"siteUrl"].toString();
         if (entry[u"permissionLevel"].toString() == "siteUnverifiedUser"_L1)
             continue;
@@ -265,7 +265,7 @@ QJsonArray detailRows(const QString& token, const QString& property, const Windo
     for (int start = 0; start < kMaxRows; start += kPageRows) {
         const QJsonArray page =
             query(token, property, window, dimensions, start).json.value(u"rows"_s).toArray();
-        for (const QJsonValue& row : page)
+        for (const QJsonValue row : page)
             rows.append(row);
         if (page.size() < kPageRows)
             break;
@@ -365,12 +365,13 @@ void disconnect()
 {
     const QString refresh = storedRefreshToken();
     // Best effort: what Google does not hear of now, the administrator can revoke there.
-    if (!refresh.isEmpty())
+    if (!refresh.isEmpty()) {
         call("POST", kRevokeUrl,
              form({
                  {u"token"_s, refresh}
         }),
              kFormType, {});
+    }
     run(u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s);
     run(u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s);
 }
@@ -398,7 +399,7 @@ QString sync(const Client& client)
         // time.
         malloc_trim(0);
     }
-    const QString result =
+    QString result =
         results.isEmpty() ? u"no Search Console property matches a site here"_s : results.join(u"; "_s);
     record(result);
     return result;

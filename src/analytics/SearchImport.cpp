@@ -160,7 +160,7 @@ QString importSearchData(int siteId, const QString& engine, const QJsonObject& d
 
     // As texts days are in the order of time, and "9999" is behind them all.
     Target target{.siteId = siteId, .engine = db::storable(engine), .first = u"9999"_s, .last = u""_s};
-    for (const QJsonValue& value : totals) {
+    for (const QJsonValue value : totals) {
         const QString day = keyOf(value.toObject(), 0);
         target.first = std::min(target.first, day);
         target.last = std::max(target.last, day);

@@ -163,10 +163,11 @@ void Health::measureAccounts()
 
 void Health::finishMeasurement(const QJsonObject& answer)
 {
-    if (!answer.value(u"ok"_s).toBool())
+    if (!answer.value(u"ok"_s).toBool()) {
         qWarning("collect: account disk use: %s", qPrintable(answer.value(u"error"_s).toString()));
-    else if (db::ensure(false)) // the answer can come just after the session was lost
+    } else if (db::ensure(false)) { // the answer can come just after the session was lost
         applyUsage(answer.value(u"usage"_s).toObject());
+    }
     // Not before: a webhook's wait serves timers, and the next measurement must not be applied inside this
     // one.
     m_measuring = false;

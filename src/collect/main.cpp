@@ -232,10 +232,11 @@ void maintain()
 /// What another program of the suite asks for, instead of waiting for the timer.
 void handleNotification(const QString& channel, Health& health)
 {
-    if (channel == "tarn_sync"_L1)
+    if (channel == "tarn_sync"_L1) {
         syncSearch();
-    else if (channel == "tarn_usage"_L1)
+    } else if (channel == "tarn_usage"_L1) {
         health.measureAccounts();
+    }
 }
 
 /// An interval setting as the timer takes it, which counts milliseconds in an int.

@@ -31,7 +31,7 @@ QByteArray readMaybeGzip(const QString& path, bool* intact)
     // Qt warns of a file without a name.
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
         return {};
-    const QByteArray contents = file.readAll();
+    QByteArray contents = file.readAll();
     if (path.endsWith(".gz"_L1))
         return gunzip(contents, intact);
     if (intact)
