@@ -229,6 +229,19 @@ void maintain()
     maintainOn(QDate::currentDate(), lastDailyPass);
 }
 
+/// Subscribes to the channels by which the suite's other programs ask for something, unless that is done: a
+/// session that is lost just before it cannot subscribe, and what was never subscribed no reconnect brings
+/// back.
+void listen()
+{
+    QSqlDriver* driver = tarn::db::session().driver();
+    const QStringList known = driver->subscribedToNotifications();
+    for (const QString& channel : {u"tarn_sync"_s, u"tarn_usage"_s}) {
+        if (!known.contains(channel))
+            driver->subscribeToNotification(channel);
+    }
+}
+
 /// What another program of the suite asks for, instead of waiting for the timer.
 void handleNotification(const QString& channel, Health& health)
 {
@@ -303,9 +316,8 @@ int main(int argc, char** argv)
 
     g_google = tarn::analytics::google::clientFrom(settings);
 
+    listen();
     QSqlDriver* driver = tarn::db::session().driver();
-    driver->subscribeToNotification(u"tarn_sync"_s);
-    driver->subscribeToNotification(u"tarn_usage"_s);
     QObject::connect(driver, &QSqlDriver::notification, driver,
                      [&health](const QString& channel) { handleNotification(channel, health); });
 
@@ -315,7 +327,10 @@ int main(int argc, char** argv)
     health.measureAccounts();
 
     QTimer maintenanceTimer;
-    start(maintenanceTimer, kMaintenanceInterval, maintain);
+    start(maintenanceTimer, kMaintenanceInterval, [] {
+        listen();
+        maintain();
+    });
     maintain();
 
     return QCoreApplication::exec();

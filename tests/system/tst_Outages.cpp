@@ -87,8 +87,10 @@ private Q_SLOTS:
     void longOutageCostsNeitherLinesNorProcessorTime()
     {
         log(10);
+        const qsizetype toldBefore = m_server.log().count(u"LISTEN "_s);
         m_collector->start();
         QVERIFY(waitForAllLines());
+        QTRY_COMPARE_WITH_TIMEOUT(m_server.log().count(u"LISTEN "_s), toldBefore + 2, 20'000);
         m_database.close();
         m_server.stop();
 
@@ -114,6 +116,25 @@ private Q_SLOTS:
         const QString log = m_server.log();
         QVERIFY(log.lastIndexOf(u"LISTEN \"tarn_sync\""_s) < log.lastIndexOf(u"LISTEN \"tarn_usage\""_s));
         QVERIFY(log.lastIndexOf(u"Asia/Tokyo"_s) < log.lastIndexOf(u"LISTEN \"tarn_sync\""_s));
+    }
+
+    void aSessionLostJustBeforeTheChannelsCostsNone()
+    {
+        // The place in the log is stored right before.
+        test::run(m_database, u"CREATE SEQUENCE public.times"_s);
+        test::run(m_database, u"CREATE FUNCTION public.leave() RETURNS trigger LANGUAGE plpgsql AS "
+                              "'BEGIN IF nextval(''public.times'') = 1 THEN "
+                              "PERFORM pg_terminate_backend(pg_backend_pid()); END IF; RETURN NEW; END'"_s);
+        test::run(m_database, u"CREATE TRIGGER leave BEFORE UPDATE ON tarn.log_sources FOR EACH ROW "
+                              "EXECUTE FUNCTION public.leave()"_s);
+        log(1);
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(u"database: reconnected"_s));
+        const auto asked = [this] {
+            test::run(m_database, u"NOTIFY tarn_usage"_s);
+            return m_collector->agent.calls(u"hosting.usage"_s).size() >= 2;
+        };
+        QVERIFY(QTest::qWaitFor(asked, 60'000));
     }
 
     void nothingButOurOwnWordsInTheLog()
