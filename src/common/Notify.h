@@ -47,8 +47,8 @@ QJsonObject describe(const Config& config);
 
 /// Delivers @p message over every configured channel, one after the other, and returns an entry for each:
 /// {"channel": "webhook", "ok": false, "error": "..."}, {"channel": "email", "ok": true}. Failures are logged
-/// as well. Blocks for some 10 seconds a step at worst; the wait for the webhook runs a local event loop, so
-/// timers are served meanwhile: never to be called with a transaction open.
+/// as well. Returns after some 10 seconds a step at worst. The waits run a local event loop, so that timers
+/// are served meanwhile: never to be called with a transaction open.
 QJsonArray send(const Config& config, const Message& message);
 
 } // namespace tarn::notify

@@ -4,13 +4,19 @@
 #include "common/NotifyText.h"
 
 #include <QDateTime>
+#include <QEventLoop>
+#include <QHostInfo>
 #include <QLocale>
+#include <QNetworkProxy>
+#include <QObject>
 #include <QRegularExpression>
 #include <QSysInfo>
+#include <QTimer>
 #include <QUuid>
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
 using namespace Qt::Literals::StringLiterals;
@@ -28,6 +34,50 @@ constexpr qint64 kMaxLineBytes = 4'096;
 constexpr qint64 kMaxReplyBytes = 65'536;
 
 constexpr qsizetype kBase64Columns = 76;
+
+const auto kInterrupted = u"interrupted"_s;
+// As the socket itself calls it.
+const auto kTimedOut = u"Socket operation timed out"_s;
+const auto kHandshakeTimedOut = u"Network operation timed out"_s;
+
+/// A local event loop that ends when it is woken, or at a deadline.
+class Waiting
+{
+public:
+    explicit Waiting(const QDeadlineTimer& deadline)
+        : m_deadline(deadline)
+    {
+        m_timer.setSingleShot(true);
+        m_timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&m_timer, &QTimer::timeout, &m_loop, [this] { wake(); });
+    }
+
+    void wake()
+    {
+        m_isWoken = true;
+        m_loop.quit();
+    }
+
+    /// Returns with an empty text when something may have changed, otherwise with the reason: kTimedOut or
+    /// kInterrupted.
+    QString run()
+    {
+        if (m_deadline.hasExpired())
+            return kTimedOut;
+        m_isWoken = false;
+        m_timer.start(static_cast<int>(m_deadline.remainingTime()));
+        m_loop.exec();
+        return m_isWoken ? QString() : kInterrupted;
+    }
+
+    QObject* context() { return &m_loop; }
+
+private:
+    QDeadlineTimer m_deadline;
+    QEventLoop m_loop;
+    QTimer m_timer;
+    bool m_isWoken = false;
+};
 
 bool isAscii(const QString& text)
 {
@@ -82,9 +132,14 @@ QByteArray base64Lines(const QByteArray& bytes)
 
 } // namespace
 
-Smtp::Smtp(const Config& config)
+Smtp::Smtp(const Config& config, const QList<QHostAddress>& addresses)
     : m_c(config)
+    , m_addresses(addresses)
 {
+    // Those of the environment are for what speaks HTTP.
+    m_sock.setProxy(QNetworkProxy::NoProxy);
+    // While another job holds a wait up, the server can go on sending.
+    m_sock.setReadBufferSize(kMaxReplyBytes);
 }
 
 QString Smtp::send(const QString& subject, const QString& text)
@@ -111,16 +166,90 @@ bool Smtp::connectToServer()
 {
     QString reason = u"no such port"_s;
     if (m_c.smtpPort > 0 && m_c.smtpPort <= 65'535) {
-        const auto port = static_cast<quint16>(m_c.smtpPort);
-        const bool encrypted = m_c.smtpSecurity == u"ssl";
-        encrypted ? m_sock.connectToHostEncrypted(m_c.smtpHost, port)
-                  : m_sock.connectToHost(m_c.smtpHost, port);
-        if (encrypted ? m_sock.waitForEncrypted(kWaitMs) : m_sock.waitForConnected(kWaitMs))
-            return true;
-        reason = m_sock.errorString();
+        const QDeadlineTimer deadline(kWaitMs);
+        reason = m_addresses.isEmpty() ? lookUp(deadline) : QString();
+        if (reason.isEmpty())
+            reason = connectToAny(deadline);
     }
+    if (reason.isEmpty())
+        return true;
     m_error = u"cannot connect to %1:%2: %3"_s.arg(m_c.smtpHost, QString::number(m_c.smtpPort), reason);
     return false;
+}
+
+QString Smtp::lookUp(const QDeadlineTimer& deadline)
+{
+    // The look-up would ask for the name of an address.
+    if (QHostAddress address; address.setAddress(m_c.smtpHost)) {
+        m_addresses.append(address);
+        return {};
+    }
+    Waiting waiting(deadline);
+    std::optional<QHostInfo> answer;
+    // Given up, it goes on in a thread of Qt's; a second one for the same name waits for that.
+    const int id = QHostInfo::lookupHost(m_c.smtpHost, waiting.context(), [&](const QHostInfo& info) {
+        answer = info;
+        waiting.wake();
+    });
+    QString reason;
+    while (!answer && reason.isEmpty())
+        reason = waiting.run();
+    if (!answer) {
+        QHostInfo::abortHostLookup(id);
+        return reason == kTimedOut ? u"Host lookup timed out"_s : reason;
+    }
+    m_addresses = answer->addresses();
+    if (!m_addresses.isEmpty())
+        return {};
+    return answer->error() == QHostInfo::UnknownError ? answer->errorString() : u"Host not found"_s;
+}
+
+QString Smtp::connectToAny(const QDeadlineTimer& deadline)
+{
+    QString reason;
+    for (qsizetype i = 0; i < m_addresses.size(); ++i) {
+        // One that swallows everything leaves the others their time.
+        const QDeadlineTimer share(deadline.remainingTime() / (m_addresses.size() - i));
+        reason = connectTo(m_addresses.at(i), share);
+        if (reason.isEmpty() || reason == kInterrupted)
+            return reason;
+        m_sock.abort();
+    }
+    return reason;
+}
+
+QString Smtp::connectTo(const QHostAddress& address, const QDeadlineTimer& deadline)
+{
+    const auto port = static_cast<quint16>(m_c.smtpPort);
+    if (m_c.smtpSecurity == u"ssl") {
+        m_sock.connectToHostEncrypted(address.toString(), port, m_c.smtpHost);
+        return waitUntil([this] { return m_sock.isEncrypted(); }, deadline);
+    }
+    m_sock.connectToHost(address, port);
+    return waitUntil([this] { return m_sock.state() == QAbstractSocket::ConnectedState; }, deadline);
+}
+
+QString Smtp::waitUntil(const std::function<bool()>& isDone, const QDeadlineTimer& deadline)
+{
+    Waiting waiting(deadline);
+    bool hasFailed = false;
+    const auto wake = [&waiting] { waiting.wake(); };
+    QObject::connect(&m_sock, &QSslSocket::connected, waiting.context(), wake);
+    QObject::connect(&m_sock, &QSslSocket::encrypted, waiting.context(), wake);
+    QObject::connect(&m_sock, &QSslSocket::readyRead, waiting.context(), wake);
+    QObject::connect(&m_sock, &QSslSocket::disconnected, waiting.context(), wake);
+    QObject::connect(&m_sock, &QSslSocket::errorOccurred, waiting.context(), [&] {
+        hasFailed = true;
+        waiting.wake();
+    });
+    QString reason;
+    while (reason.isEmpty() && !isDone()) {
+        const bool isOver = hasFailed || m_sock.state() == QAbstractSocket::UnconnectedState;
+        reason = isOver ? m_sock.errorString() : waiting.run();
+    }
+    // A connection that is there is waited for to be encrypted, or for an answer.
+    const bool isConnected = m_sock.state() == QAbstractSocket::ConnectedState;
+    return reason == kTimedOut && isConnected ? kHandshakeTimedOut : reason;
 }
 
 bool Smtp::startTls()
@@ -132,10 +261,12 @@ bool Smtp::startTls()
         m_error = u"STARTTLS failed: the mail server did not wait for the encryption"_s;
         return false;
     }
+    m_sock.setPeerVerifyName(m_c.smtpHost);
     m_sock.startClientEncryption();
-    if (m_sock.waitForEncrypted(kWaitMs))
+    const QString reason = waitUntil([this] { return m_sock.isEncrypted(); }, QDeadlineTimer(kWaitMs));
+    if (reason.isEmpty())
         return true;
-    m_error = u"STARTTLS failed: "_s + m_sock.errorString();
+    m_error = u"STARTTLS failed: "_s + reason;
     return false;
 }
 
@@ -168,10 +299,13 @@ bool Smtp::deliver(const QByteArray& message, const QList<QByteArray>& extension
 
 bool Smtp::readLine(QByteArray* line, const QDeadlineTimer& deadline)
 {
-    while (!m_sock.canReadLine() && m_sock.bytesAvailable() < kMaxLineBytes) {
-        const int waitMs = static_cast<int>(std::min<qint64>(kWaitMs, deadline.remainingTime()));
-        if (!m_sock.waitForReadyRead(waitMs)) {
-            m_error = u"mail server stopped answering"_s;
+    const auto canRead = [this] { return m_sock.canReadLine() || m_sock.bytesAvailable() >= kMaxLineBytes; };
+    while (!canRead()) {
+        const qint64 bytes = m_sock.bytesAvailable();
+        const QDeadlineTimer next(std::min<qint64>(kWaitMs, deadline.remainingTime()));
+        const QString reason = waitUntil([&] { return canRead() || m_sock.bytesAvailable() > bytes; }, next);
+        if (!reason.isEmpty()) {
+            m_error = reason == kInterrupted ? reason : u"mail server stopped answering"_s;
             return false;
         }
     }

@@ -1,13 +1,17 @@
-// A minimal mail client (RFC 5321): one session, one message in plain text, blocking. Speaks implicit TLS,
-// STARTTLS (RFC 3207) or no encryption; who may go without is for the caller to know. Private to the
-// notification unit.
+// A minimal mail client (RFC 5321): one session, one message in plain text. Speaks implicit TLS, STARTTLS
+// (RFC 3207) or no encryption; who may go without is for the caller to know. Each wait runs a local event
+// loop, so that timers are served meanwhile and other jobs run, another mail's session among them. Private
+// to the notification unit.
 #pragma once
 
 #include <QByteArray>
 #include <QDeadlineTimer>
+#include <QHostAddress>
 #include <QList>
 #include <QSslSocket>
 #include <QString>
+
+#include <functional>
 
 class QDateTime;
 class QUuid;
@@ -19,16 +23,25 @@ struct Config;
 class Smtp
 {
 public:
-    /// For one send(). @p config is not copied.
-    explicit Smtp(const Config& config);
+    /// For one send(). @p config is not copied. @p addresses are the server's where they are known; the name
+    /// is not looked up then, but certificates are still to be good for it.
+    explicit Smtp(const Config& config, const QList<QHostAddress>& addresses = {});
 
     /// Runs a whole session: empty when the server has taken the message for every recipient, otherwise the
-    /// reason, which contains nothing of the password. Blocks for 10 seconds at most where the server is
-    /// silent, and for 30 where it never comes to the end of a reply.
+    /// reason, which contains nothing of the password. Waits for 10 seconds at most where the server is
+    /// silent, and for 30 where it never comes to the end of a reply; jobs that run meanwhile can make it
+    /// longer. The first 10 seconds are for looking the name up, for all of its addresses in turn and, with
+    /// implicit TLS, for the handshake. No proxy is used. Needs an event dispatcher in its thread; an exit
+    /// from that thread's event loops ends it with "interrupted".
     QString send(const QString& subject, const QString& text);
 
 private:
     bool connectToServer();
+    QString lookUp(const QDeadlineTimer& deadline);
+    QString connectToAny(const QDeadlineTimer& deadline);
+    QString connectTo(const QHostAddress& address, const QDeadlineTimer& deadline);
+    /// Serves events until @p isDone; otherwise why not: what became of the connection, or of the wait.
+    QString waitUntil(const std::function<bool()>& isDone, const QDeadlineTimer& deadline);
     bool startTls();
     bool signIn();
     bool deliver(const QByteArray& message, const QList<QByteArray>& extensions);
@@ -44,6 +57,7 @@ private:
     const Config& m_c;
     QSslSocket m_sock;
     QString m_error;
+    QList<QHostAddress> m_addresses;
 };
 
 /// The message as it goes over the wire, without the dot behind it. @p now is local time.

@@ -8,16 +8,23 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHash>
+#include <QHostAddress>
 #include <QJsonArray>
+#include <QNetworkProxy>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTest>
 #include <QThread>
+#include <QTimer>
 #include <QUuid>
 
 #include <ctime>
 #include <memory>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
@@ -133,8 +140,8 @@ QList<Dialogue> endedEverywhere(const Dialogue& whole, const QByteArray& prefix,
         cut.script = whole.script.first(i) + QList<QByteArray>{end};
         cut.result = kStopped;
         if (step == "TLS") {
-            cut.result =
-                i == 0 ? u"cannot connect to 127.0.0.1:<port>: <any>"_s : u"STARTTLS failed: <any>"_s;
+            cut.result = i == 0 ? u"cannot connect to 127.0.0.1:<port>: "_s : u"STARTTLS failed: "_s;
+            cut.result += end == "SILENCE" ? u"Network operation timed out"_s : u"<any>"_s;
         } else if (before.endsWith("auth")) {
             cut.result = u"sign-in refused: "_s + kStopped;
         } else if (before.endsWith("quit")) {
@@ -296,6 +303,62 @@ private:
     std::vector<std::unique_ptr<Session>> m_sessions;
 };
 
+/// An address that takes no connection and refuses none: its queue is full, so that the kernel drops what
+/// comes.
+class BlackHole
+{
+public:
+    BlackHole(const char* address, quint16 port)
+    {
+        sockaddr_in name = {};
+        name.sin_family = AF_INET;
+        name.sin_port = htons(port);
+        inet_pton(AF_INET, address, &name.sin_addr);
+        m_sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const auto* generic = reinterpret_cast<const sockaddr*>(&name);
+        if (bind(m_sockets.front(), generic, sizeof(name)) != 0 || listen(m_sockets.front(), 0) != 0)
+            qFatal("no black hole at %s:%d", address, port);
+        for (int i = 0; i < 4; ++i) {
+            m_sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            connect(m_sockets.back(), generic, sizeof(name));
+        }
+    }
+    ~BlackHole()
+    {
+        for (const int one : m_sockets)
+            close(one);
+    }
+    BlackHole(const BlackHole&) = delete;
+    BlackHole& operator=(const BlackHole&) = delete;
+
+private:
+    std::vector<int> m_sockets;
+};
+
+/// The longest time between two turns of this thread's event loop while it lives.
+class Pulse
+{
+public:
+    Pulse()
+    {
+        m_since.start();
+        QObject::connect(&m_timer, &QTimer::timeout, &m_timer, [this] { note(); });
+        m_timer.start(20);
+    }
+    qint64 longestGapMs()
+    {
+        note();
+        return m_longestMs;
+    }
+
+private:
+    void note() { m_longestMs = std::max(m_longestMs, m_since.restart()); }
+
+    QTimer m_timer;
+    QElapsedTimer m_since;
+    qint64 m_longestMs = 0;
+};
+
 /// This process's time zone while it lives.
 class Zone
 {
@@ -354,23 +417,34 @@ private:
         return all;
     }
 
+    /// A server that takes mail at 127.0.0.1 and is called mail.test.
+    static Config namedServer(test::FakeSmtp& server, const test::TestAuthority* authority = nullptr)
+    {
+        if (!server.takeMail(authority))
+            qFatal("no port");
+        Config config = mailConfig();
+        config.smtpHost = u"mail.test"_s;
+        config.smtpPort = server.port();
+        return config;
+    }
+
     test::TestAuthority m_authority;
+    test::TestAuthority m_otherName; ///< mail.test
     QHash<QByteArray, Outcome> m_outcomes;
 
 private Q_SLOTS:
     void initTestCase()
     {
         test::TestAuthority unknown;
-        test::TestAuthority otherName;
         QVERIFY(m_authority.make({u"127.0.0.1"_s, u"localhost"_s}));
         QVERIFY(unknown.make({u"127.0.0.1"_s}));
-        QVERIFY(otherName.make({u"mail.test"_s}));
+        QVERIFY(m_otherName.make({u"mail.test"_s}));
         QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
         configuration.setCaCertificates(QSslCertificate::fromPath(m_authority.file())
-                                        + QSslCertificate::fromPath(otherName.file()));
+                                        + QSslCertificate::fromPath(m_otherName.file()));
         QSslConfiguration::setDefaultConfiguration(configuration);
         QTest::failOnWarning(QRegularExpression(u".?"_s));
-        m_outcomes = Sessions(allDialogues(), m_authority, unknown, otherName).outcomes();
+        m_outcomes = Sessions(allDialogues(), m_authority, unknown, m_otherName).outcomes();
     }
     void cleanupTestCase() { test::TestAuthority::trustSystem(); }
 
@@ -673,6 +747,158 @@ private Q_SLOTS:
         const QString result = Smtp(config).send(kSubject, kText);
         const QString start = u"cannot connect to "_s + host + u":25: "_s;
         QVERIFY2(result.startsWith(start) && result.size() > start.size(), qPrintable(result));
+    }
+
+    /// A mail that waits holds up neither the timers nor the mail of another alert.
+    void othersRunWhileTheServerSaysNothing()
+    {
+        test::FakeSmtp silent;
+        QVERIFY(silent.play({"SILENCE"}));
+        Config config = mailConfig();
+        config.smtpPort = silent.port();
+        test::FakeSmtp other;
+        const Config good = namedServer(other);
+        QStringList inside;
+        QTimer::singleShot(
+            500, this, [&] { inside.append(Smtp(good, {QHostAddress::LocalHost}).send(kSubject, kText)); });
+        Pulse pulse;
+        QCOMPARE(Smtp(config).send(kSubject, kText), kStopped);
+        QCOMPARE(inside, QStringList{QString()});
+        QCOMPARE(other.mails().size(), 1);
+        QVERIFY2(pulse.longestGapMs() < 3'000, qPrintable(QString::number(pulse.longestGapMs())));
+    }
+
+    void interrupted_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("script");
+        QTest::addColumn<QString>("security");
+        QTest::addColumn<QString>("result");
+        QTest::newRow("greeting") << QList<QByteArray>{"SILENCE"} << u"none"_s << u"interrupted"_s;
+        QTest::newRow("handshake") << QList<QByteArray>{"SILENCE"} << u"ssl"_s
+                                   << u"cannot connect to 127.0.0.1:%1: interrupted"_s;
+    }
+    void interrupted()
+    {
+        QFETCH(const QList<QByteArray>, script);
+        QFETCH(const QString, security);
+        QFETCH(QString, result);
+        test::FakeSmtp server;
+        QVERIFY(server.play(script));
+        Config config = mailConfig();
+        config.smtpPort = server.port();
+        config.smtpSecurity = security;
+        QString said;
+        const std::unique_ptr<QThread> client(
+            QThread::create([&] { said = Smtp(config).send(kSubject, kText); }));
+        QElapsedTimer timer;
+        timer.start();
+        client->start();
+        QTRY_COMPARE(server.sessions(), 1);
+        client->exit();
+        QVERIFY(client->wait(60'000));
+        QVERIFY2(timer.elapsed() < kPromptMs, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(said, result.replace(u"%1"_s, QString::number(server.port())));
+    }
+
+    void everyAddressIsTried_data()
+    {
+        QTest::addColumn<QStringList>("addresses");
+        const QString dead = u"127.0.0.2"_s;
+        const QString refuses = u"127.0.0.3"_s;
+        const QString good = u"127.0.0.1"_s;
+        QTest::newRow("good") << QStringList{good};
+        QTest::newRow("behind-one-that-refuses") << QStringList{refuses, good};
+        QTest::newRow("behind-a-black-hole") << QStringList{dead, good};
+        QTest::newRow("behind-both") << QStringList{dead, refuses, dead, good};
+        QTest::newRow("before-a-black-hole") << QStringList{good, dead};
+    }
+    void everyAddressIsTried()
+    {
+        QFETCH(const QStringList, addresses);
+        test::FakeSmtp server;
+        const Config config = namedServer(server);
+        const BlackHole hole("127.0.0.2", server.port());
+        QList<QHostAddress> all;
+        for (const QString& address : addresses)
+            all.append(QHostAddress(address));
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(Smtp(config, all).send(kSubject, kText), QString());
+        QCOMPARE(server.mails().size(), 1);
+        QVERIFY2(timer.elapsed() < kPromptMs, qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void allAddressesShareTheTime_data()
+    {
+        QTest::addColumn<QString>("security");
+        for (const char* security : {"none", "ssl"})
+            QTest::newRow(security) << QString::fromLatin1(security);
+    }
+    void allAddressesShareTheTime()
+    {
+        QFETCH(const QString, security);
+        test::FakeSmtp server;
+        Config config = namedServer(server);
+        config.smtpSecurity = security;
+        const BlackHole hole("127.0.0.2", server.port());
+        QElapsedTimer timer;
+        timer.start();
+        const QHostAddress dead(u"127.0.0.2"_s);
+        QCOMPARE(Smtp(config, {dead, dead, dead}).send(kSubject, kText),
+                 u"cannot connect to mail.test:%1: Socket operation timed out"_s.arg(config.smtpPort));
+        QVERIFY2(timer.elapsed() >= kWaitMs - 50 && timer.elapsed() < kWaitMs + 3'000,
+                 qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void certificatesNameTheConfiguredHost_data()
+    {
+        QTest::addColumn<QString>("security");
+        QTest::addColumn<bool>("isNamed");
+        for (const char* security : {"starttls", "ssl"}) {
+            QTest::addRow("%s-name", security) << QString::fromLatin1(security) << true;
+            QTest::addRow("%s-address", security) << QString::fromLatin1(security) << false;
+        }
+    }
+    void certificatesNameTheConfiguredHost()
+    {
+        QFETCH(const QString, security);
+        QFETCH(const bool, isNamed);
+        const test::TestAuthority& authority = isNamed ? m_otherName : m_authority;
+        test::FakeSmtp server;
+        Config config = mailConfig();
+        if (security == u"ssl") {
+            QVERIFY(server.play({"TLS", "S: 554 no mail today", "SILENCE"}, &authority));
+        } else {
+            QVERIFY(server.takeMail(&authority));
+        }
+        config.smtpHost = u"mail.test"_s;
+        config.smtpPort = server.port();
+        config.smtpSecurity = security;
+        const QString result = Smtp(config, {QHostAddress::LocalHost}).send(kSubject, kText);
+        if (isNamed) {
+            QCOMPARE(result, security == u"ssl" ? u"554 no mail today"_s : QString());
+        } else {
+            QVERIFY2(result.contains(u"host name"_s), qPrintable(result));
+            QVERIFY(server.mails().isEmpty());
+        }
+    }
+
+    void neverThroughAProxy()
+    {
+        test::FakeSmtp server;
+        QVERIFY(server.takeMail());
+        QTcpServer proxy;
+        QVERIFY(proxy.listen(QHostAddress::LocalHost));
+        QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, u"127.0.0.1"_s, proxy.serverPort()});
+        Config config = mailConfig();
+        // This machine as well, but for Qt no loopback address, which is never sent to a proxy.
+        config.smtpHost = u"0.0.0.0"_s;
+        config.smtpPort = server.port();
+        const QString result = Smtp(config).send(kSubject, kText);
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QCOMPARE(result, QString());
+        QVERIFY(!proxy.hasPendingConnections());
+        QCOMPARE(server.mails().size(), 1);
     }
 
     void longSignIn()

@@ -14,7 +14,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
+#include <utility>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
@@ -24,6 +26,13 @@ using test::FakeHttp;
 namespace {
 
 constexpr int kWaitMs = 20'000;
+
+/// Services that are down at once, each of which is mailed about.
+constexpr int kFailing = 2;
+/// Between two passes over the logs, which come every two seconds: far less than one mail's wait.
+constexpr qint64 kMostStallMs = 7'000;
+
+const QByteArray kLine = "192.0.2.1 - - [10/Oct/2024:13:55:36 +0000] \"GET / HTTP/1.1\" 200 5 \"-\" \"-\"\n";
 
 /// What Apache says of itself, with @p busy of ten workers busy.
 FakeHttp::Reply statusPage(int busy)
@@ -74,6 +83,25 @@ private:
         QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         m_collector->environment[u"PATH"_s] = m_folder->path() + u':' + qEnvironmentVariable("PATH");
     }
+    void useMail(const test::FakeSmtp& server)
+    {
+        auto& settings = m_collector->settings;
+        settings[u"notify/smtp_host"_s] = u"127.0.0.1"_s;
+        settings[u"notify/smtp_port"_s] = QString::number(server.port());
+        settings[u"notify/smtp_security"_s] = u"none"_s;
+        settings[u"notify/mail_from"_s] = u"a@example.org"_s;
+        settings[u"notify/mail_to"_s] = u"b@example.org"_s;
+    }
+
+    /// The path of a log, which does not exist yet.
+    QString followedLog()
+    {
+        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
+        const QString path = m_folder->filePath(u"access.log"_s);
+        run(u"INSERT INTO tarn.log_sources (path, site_id) VALUES ('%1', 1)"_s.arg(path));
+        return path;
+    }
+
     void setServices(const QByteArray& state) { writeFile(m_folder->filePath(u"state"_s), state); }
 
     test::PostgresServer m_server;
@@ -229,16 +257,9 @@ private Q_SLOTS:
     {
         test::FakeSmtp mailServer;
         QVERIFY(mailServer.play({"SILENCE"}));
-        auto& settings = m_collector->settings;
-        settings[u"notify/smtp_host"_s] = u"127.0.0.1"_s;
-        settings[u"notify/smtp_port"_s] = QString::number(mailServer.port());
-        settings[u"notify/smtp_security"_s] = u"none"_s;
-        settings[u"notify/mail_from"_s] = u"tarnhold@example.org"_s;
-        settings[u"notify/mail_to"_s] = u"a@example.org"_s;
+        useMail(mailServer);
         m_webhook.setReply({});
-        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
-        const QString path = m_folder->filePath(u"access.log"_s);
-        run(u"INSERT INTO tarn.log_sources (path, site_id) VALUES ('%1', 1)"_s.arg(path));
+        const QString path = followedLog();
 
         m_apache.setReply(statusPage(10));
         m_collector->start();
@@ -247,7 +268,7 @@ private Q_SLOTS:
         timer.start();
         const QString samples = value(u"SELECT count(*) FROM tarn.host_samples"_s);
         // Logs are followed while the webhook says nothing.
-        writeFile(path, "192.0.2.1 - - [10/Oct/2024:13:55:36 +0000] \"GET / HTTP/1.1\" 200 5 \"-\" \"-\"\n");
+        writeFile(path, kLine);
         QTRY_COMPARE_WITH_TIMEOUT(value(u"SELECT count(*) FROM tarn.hits"_s), u"1"_s, kWaitMs);
         QCOMPARE(m_collector->log().filter(u"notify: "_s), QStringList());
         // No sample is taken inside a sample.
@@ -261,6 +282,48 @@ private Q_SLOTS:
                      && !told.first().contains(u"secret"_s),
                  qPrintable(told.first()));
         QVERIFY(waitForSamples(2));
+    }
+
+    void hitsAreStoredWhileMailsWait()
+    {
+        test::FakeSmtp mailServer;
+        QVERIFY(mailServer.play({"SILENCE"}));
+        auto& settings = m_collector->settings;
+        useMail(mailServer);
+        settings.remove(u"notify/webhook_url"_s);
+        QStringList names;
+        QByteArray state;
+        for (int i = 0; i < kFailing; ++i) {
+            names.append(u"unit%1"_s.arg(i));
+            state += "LoadState=loaded\nActiveState=failed\nSubState=failed\n\n";
+        }
+        fakeSystemctl();
+        setServices(state);
+        settings[u"health/services"_s] = names.join(u',');
+        const QString path = followedLog();
+
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(u"alert: Service unit0 is not running (failed)"_s));
+        QElapsedTimer whole;
+        QElapsedTimer sinceHit;
+        whole.start();
+        sinceHit.start();
+        qint64 longestMs = 0;
+        QString hits = value(u"SELECT count(*) FROM tarn.hits"_s);
+        const auto told = [&] {
+            QFile log(path);
+            if (log.open(QIODevice::Append))
+                log.write(kLine);
+            const QString now = value(u"SELECT count(*) FROM tarn.hits"_s);
+            longestMs = std::max(longestMs, sinceHit.elapsed());
+            if (std::exchange(hits, now) != now)
+                sinceHit.restart();
+            return m_collector->log().filter(u"notify: email failed: mail server stopped"_s).size()
+                   >= kFailing;
+        };
+        QVERIFY(QTest::qWaitFor(told, kFailing * 15'000));
+        QVERIFY2(whole.elapsed() > kFailing * 9'000, qPrintable(QString::number(whole.elapsed())));
+        QVERIFY2(longestMs < kMostStallMs, qPrintable(QString::number(longestMs)));
     }
 
     void accounts()
