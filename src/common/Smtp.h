@@ -60,7 +60,9 @@ private:
     QList<QHostAddress> m_addresses;
 };
 
-/// The message as it goes over the wire, without the dot behind it. @p now is local time.
+/// The message as it goes over the wire, without the dot behind it. @p now is local time. Recipients or a
+/// subject that would make a line of more than 998 bytes (RFC 5322, 2.1.1) are folded; shorter ones stand on
+/// one line.
 QByteArray mailMessage(const Config& config, const QString& subject, const QString& text,
                        const QDateTime& now, const QUuid& id);
 

@@ -417,6 +417,19 @@ private:
         return all;
     }
 
+    static QByteArray mailOf(const Config& config, const QString& subject)
+    {
+        return notify::mailMessage(config, subject, kText, QDateTime::currentDateTime(), QUuid::createUuid());
+    }
+
+    static qsizetype longestLine(const QByteArray& mail)
+    {
+        qsizetype longest = 0;
+        for (const QByteArray& line : mail.split('\n'))
+            longest = std::max(longest, line.size() - 1); // the CR
+        return longest;
+    }
+
     /// A server that takes mail at 127.0.0.1 and is called mail.test.
     static Config namedServer(test::FakeSmtp& server, const test::TestAuthority* authority = nullptr)
     {
@@ -622,6 +635,68 @@ private Q_SLOTS:
         QCOMPARE(mail[u"at"].toInteger(), now.toSecsSinceEpoch());
         QCOMPARE(mail[u"offset"].toInt(), now.offsetFromUtc());
         QCOMPARE(mail[u"headers"].toArray().size(), 8);
+    }
+
+    void longRecipients_data()
+    {
+        QTest::addColumn<int>("bytes");
+        QTest::addColumn<bool>("folded");
+        QTest::newRow("longest-line") << 998 << false;
+        QTest::newRow("longest-line-plus-one") << 999 << true;
+        QTest::newRow("hundreds") << 20'000 << true;
+    }
+    void longRecipients()
+    {
+        QFETCH(const int, bytes);
+        QFETCH(const bool, folded);
+        Config config = mailConfig();
+        config.mailTo.clear();
+        QString line = u"To: first@example.org"_s;
+        while (line.size() < bytes) {
+            const qsizetype left = bytes - line.size() - 2;
+            config.mailTo.append(QString(left > 60 ? 14 : left - 12, u'x') + u"@example.org"_s);
+            line += u", "_s + config.mailTo.last();
+        }
+        config.mailTo.prepend(u"first@example.org"_s);
+        QCOMPARE(line.size(), bytes);
+        const QByteArray mail = mailOf(config, kSubject);
+        QCOMPARE(mail.contains("\r\n" + line.toUtf8() + "\r\n"), !folded);
+        QVERIFY2(longestLine(mail) <= (folded ? 78 : 998), qPrintable(QString::number(longestLine(mail))));
+        const QJsonObject read = test::parsedMail(mail);
+        QCOMPARE(read[u"defects"].toArray(), QJsonArray());
+        QCOMPARE(read[u"to"].toArray(), QJsonArray::fromStringList(config.mailTo));
+        QCOMPARE(read[u"headers"].toArray().size(), 8);
+    }
+
+    void longSubjects_data()
+    {
+        QTest::addColumn<QString>("subject");
+        QTest::addColumn<bool>("folded");
+        // "Subject: =?UTF-8?B?" and "?=" leave 977 bytes, and base64 makes 4 of 3.
+        QTest::newRow("longest-line") << QString(732, u'x') << false;
+        QTest::newRow("longest-line-plus-one") << QString(733, u'x') << true;
+        QTest::newRow("longest-line-of-two-bytes") << QString(366, u'ü') << false;
+        QTest::newRow("two-bytes-a-character") << QString(367, u'ü') << true;
+        QTest::newRow("three-bytes-a-character") << u"x"_s + QString(400, u'磁') << true;
+        QTest::newRow("four-bytes-a-character") << u"xy🔔"_s.repeated(200) << true;
+        QTest::newRow("blanks-at-the-borders") << u" x  "_s.repeated(500).trimmed() << true;
+    }
+    void longSubjects()
+    {
+        QFETCH(const QString, subject);
+        QFETCH(const bool, folded);
+        const QByteArray mail = mailOf(mailConfig(), subject);
+        QCOMPARE(mail.contains("\r\nSubject: =?UTF-8?B?" + subject.toUtf8().toBase64() + "?=\r\n"), !folded);
+        QVERIFY2(longestLine(mail) <= (folded ? 76 : 998), qPrintable(QString::number(longestLine(mail))));
+        const QJsonObject read = test::parsedMail(mail);
+        QCOMPARE(read[u"defects"].toArray(), QJsonArray());
+        QCOMPARE(read[u"subject"].toString(), subject);
+        QCOMPARE(read[u"headers"].toArray().size(), 8);
+        static const QRegularExpression words(u"=\\?UTF-8\\?B\\?([^?]*)\\?="_s);
+        for (const auto& word : words.globalMatch(QString::fromLatin1(mail))) {
+            const QByteArray bytes = QByteArray::fromBase64(word.captured(1).toLatin1());
+            QCOMPARE(QString::fromUtf8(bytes).toUtf8(), bytes); // no character is cut
+        }
     }
 
     void subjectsStayInTheirHeader()
