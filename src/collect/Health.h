@@ -1,8 +1,8 @@
 // Watches the host: samples its load, memory, disks, network, Apache and PostgreSQL into tarn.host_samples,
 // keeps the open alerts in tarn.alerts, and measures what the hosting accounts use. Owned by main; what it
 // remembers (the counters of the sample before, the streaks of the alerts) is in memory only. Main thread
-// only. The waits for Apache, a webhook and a mail server serve timers, so that other jobs can run inside
-// sample() and applyUsage().
+// only. The waits for Apache, a webhook, a mail server and the agent serve timers, so that other jobs can run
+// inside sample() and applyUsage(); what they run inside of must not end meanwhile.
 #pragma once
 
 #include "common/Notify.h"
@@ -12,12 +12,14 @@
 #include <QStringList>
 
 #include <memory>
+#include <optional>
 
 class QJsonObject;
 class QSettings;
 
 namespace tarn {
 
+struct Account;
 struct HostFigures;
 
 class Health
@@ -68,13 +70,16 @@ public:
 
     /// Stores what the accounts use, with the sizes of their databases, looks after their alerts, and has the
     /// agent make databases read-only or writable again. @p usage holds bytes by user name: {"alice":
-    /// 1048576, ...}; accounts that it does not tell a size of keep the figure that they have. Does nothing
-    /// when it is called from within its own waits.
+    /// 1048576, ...}; accounts that it does not tell a size of keep the figure that they have. Ends early
+    /// when the session is lost or the process is told to end; does nothing when it is called from within its
+    /// own waits.
     void applyUsage(const QJsonObject& usage);
 
 private:
     void checkHost(const Counters& current, const HostFigures& host);
     void finishMeasurement(const QJsonObject& answer);
+    /// False when there is no sense in going on with further accounts.
+    bool applyTo(const Account& account, std::optional<qint64> diskBytes);
 
     QStringList m_services;
     QString m_agentSocket;

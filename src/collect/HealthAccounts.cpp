@@ -4,6 +4,7 @@
 #include "common/Db.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QJsonObject>
 #include <QList>
 #include <QScopedValueRollback>
@@ -12,11 +13,22 @@
 #include <QVariant>
 
 #include <limits>
+#include <memory>
 #include <optional>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace tarn {
+
+struct Account
+{
+    QString user; ///< and the name of the account's database
+    QString domain;
+    qint64 diskLimitMb = 0;
+    qint64 databaseLimitMb = 0;
+    bool isReadOnly = false;             ///< what the database's own setting says
+    std::optional<qint64> databaseBytes; ///< nothing: there is no such database
+};
 
 namespace {
 
@@ -53,16 +65,6 @@ std::optional<qint64> bytesIn(const QJsonValue& value)
         return most;
     return value.toInteger(static_cast<qint64>(approximate)); // exact, unless it is a fraction
 }
-
-struct Account
-{
-    QString user; ///< and the name of the account's database
-    QString domain;
-    qint64 diskLimitMb = 0;
-    qint64 databaseLimitMb = 0;
-    bool isReadOnly = false;             ///< what the database's own setting says
-    std::optional<qint64> databaseBytes; ///< nothing: there is no such database
-};
 
 /// All of them, read out: what is done for each waits on the network.
 QList<Account> readAccounts()
@@ -121,23 +123,58 @@ void storeReadOnly(const QString& user, bool readOnly)
     db::exec(query);
 }
 
-/// Has the agent make the database of @p user read-only or writable.
-void switchDatabase(const QString& agentSocket, const QString& user, bool readOnly)
+/// callAgent() on a thread of the global pool, while a local event loop serves this thread. Nothing when the
+/// process is told to end meanwhile.
+std::optional<QJsonObject> awaitAgent(const QString& socketPath, const QString& method,
+                                      const QJsonObject& args, int timeoutMs)
 {
-    const QJsonObject answer = callAgent(agentSocket, u"hosting.dbReadOnly"_s,
-                                         {
-                                             {u"username"_s, user    },
-                                             {u"readOnly"_s, readOnly}
+    struct Wait
+    {
+        QEventLoop loop;
+        std::optional<QJsonObject> answer;
+    };
+    // Of this function alone: an answer that comes later finds nobody.
+    const auto wait = std::make_shared<Wait>();
+    const auto task = [application = QCoreApplication::instance(), socketPath, method, args, timeoutMs,
+                       asker = std::weak_ptr(wait)] {
+        const QJsonObject answer = callAgent(socketPath, method, args, timeoutMs);
+        const auto finish = [asker, answer] {
+            if (const std::shared_ptr<Wait> waiting = asker.lock()) {
+                waiting->answer = answer;
+                waiting->loop.quit();
+            }
+        };
+        QMetaObject::invokeMethod(application, finish, Qt::QueuedConnection);
+    };
+    QThreadPool::globalInstance()->start(task);
+    wait->loop.exec();
+    return wait->answer;
+}
+
+/// Has the agent make the database of @p user read-only or writable. False when the process is told to end
+/// meanwhile.
+bool switchDatabase(const QString& agentSocket, const QString& user, bool readOnly)
+{
+    const std::optional<QJsonObject> answer =
+        awaitAgent(agentSocket, u"hosting.dbReadOnly"_s,
+                   {
+                       {u"username"_s, user    },
+                       {u"readOnly"_s, readOnly}
     },
-                                         kSwitchMs);
-    if (!answer.value(u"ok"_s).toBool()) {
+                   kSwitchMs);
+    if (!answer)
+        return false;
+    if (!answer->value(u"ok"_s).toBool()) {
         qWarning("collect: database %s: %s", qPrintable(user),
-                 qPrintable(answer.value(u"error"_s).toString()));
-        return;
+                 qPrintable(answer->value(u"error"_s).toString()));
+        return true;
     }
-    storeReadOnly(user, readOnly);
+    // The session can have been lost meanwhile.
+    if (db::ensure(false))
+        storeReadOnly(user, readOnly);
     qInfo("collect: database %s is now %s", qPrintable(user),
           readOnly ? "read-only (over its limit)" : "writable again");
+    return true;
 }
 
 } // namespace
@@ -179,24 +216,39 @@ void Health::applyUsage(const QJsonObject& usage)
         return;
     const QScopedValueRollback<bool> applying(m_applying, true);
 
+    const QList<Account> accounts = readAccounts();
+    for (const Account& account : accounts) {
+        if (!applyTo(account, bytesIn(usage.value(account.user))))
+            return;
+    }
+}
+
+bool Health::applyTo(const Account& account, std::optional<qint64> diskBytes)
+{
     const auto checked = [this](const Condition& condition) {
         check(condition.kind, condition.subject, condition.bad, condition.text, kMeasurements);
     };
-    const QList<Account> accounts = readAccounts();
-    for (const Account& account : accounts) {
-        const std::optional<qint64> diskBytes = bytesIn(usage.value(account.user));
-        storeUsage(account, diskBytes);
-        if (diskBytes)
-            checked(quotaCondition(account.user, account.domain, *diskBytes, account.diskLimitMb));
-        const Condition database = databaseQuotaCondition(
-            account.user, account.domain, account.databaseBytes.value_or(0), account.databaseLimitMb);
-        checked(database);
-        // Also where nothing is to be switched: an agent that switches and is not heard to say so, or a
-        // collector that ends in between, has left the table behind.
-        mirrorReadOnly(account.user, account.isReadOnly);
-        if (m_enforceDbLimit && database.bad != account.isReadOnly)
-            switchDatabase(m_agentSocket, account.user, database.bad);
-    }
+    // What is lost fails once for each account; the next measurement does what is left.
+    const auto isLost = [] { return !db::session().isOpen(); };
+    storeUsage(account, diskBytes);
+    if (isLost())
+        return false;
+    if (diskBytes)
+        checked(quotaCondition(account.user, account.domain, *diskBytes, account.diskLimitMb));
+    const Condition database = databaseQuotaCondition(
+        account.user, account.domain, account.databaseBytes.value_or(0), account.databaseLimitMb);
+    checked(database);
+    // The waits for a webhook and a mail server.
+    if (isLost() && !db::ensure(false))
+        return false;
+    // Also where nothing is to be switched: an agent that switches and is not heard to say so, or a
+    // collector that ends in between, has left the table behind.
+    mirrorReadOnly(account.user, account.isReadOnly);
+    if (isLost())
+        return false;
+    if (!m_enforceDbLimit || database.bad == account.isReadOnly)
+        return true;
+    return switchDatabase(m_agentSocket, account.user, database.bad) && db::ensure(false);
 }
 
 } // namespace tarn

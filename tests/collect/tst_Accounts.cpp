@@ -8,8 +8,10 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QSqlDriver>
 #include <QTest>
 #include <QThreadPool>
+#include <QTimer>
 
 #include <limits>
 #include <optional>
@@ -570,13 +572,22 @@ private Q_SLOTS:
         const auto health = m_fixture.makeHealth();
         expectOverLimit();
         expectWarning(u"collect: database %1: agent did not answer"_s.arg(user));
+        QElapsedTimer sinceTurn;
+        qint64 longestGapMs = 0;
+        QTimer others;
+        connect(&others, &QTimer::timeout, this,
+                [&] { longestGapMs = std::max(longestGapMs, sinceTurn.restart()); });
+        others.start(20);
         QElapsedTimer timer;
         timer.start();
+        sinceTurn.start();
         health->applyUsage({
             {u"zoe"_s, 7}
         });
+        longestGapMs = std::max(longestGapMs, sinceTurn.elapsed());
         QVERIFY2(timer.elapsed() > 14'000 && timer.elapsed() < 20'000,
                  qPrintable(QString::number(timer.elapsed())));
+        QVERIFY2(longestGapMs < 5'000, qPrintable(QString::number(longestGapMs)));
         QCOMPARE(column(u"disk_used_bytes"_s, u"zoe"_s), u"7"_s);
 
         // It has done it all the same.
@@ -584,6 +595,93 @@ private Q_SLOTS:
         health->applyUsage({});
         QCOMPARE(m_agent->connections(), 1);
         QCOMPARE(column(u"db_readonly"_s, user), u"true"_s);
+    }
+
+    void aSessionLostWhileTheAgentSwitches()
+    {
+        const QString user = addAccountOverItsLimit();
+        addAccount(u"zoe"_s);
+        m_agent->setAnswer(kSwitch, AgentAnswer::held({
+                                        {u"ok"_s, true}
+        }));
+        const auto health = m_fixture.makeHealth();
+        // As in the program, whose channels have the session's end noticed.
+        QVERIFY(db::session().driver()->subscribeToNotification(u"tarn_usage"_s));
+        const QString backend = HealthFixture::scalar(u"SELECT pg_backend_pid()"_s);
+        QTimer::singleShot(0, this, [&] {
+            QTRY_COMPARE_WITH_TIMEOUT(m_agent->calls(kSwitch).size(), 1, 10'000);
+            test::run(m_fixture.session.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+            m_agent->go();
+        });
+        expectOverLimit();
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        expectSwitch(user, u"read-only (over its limit)"_s);
+        health->applyUsage({
+            {u"zoe"_s, 7}
+        });
+        QCOMPARE(column(u"db_readonly"_s, user), u"true"_s);
+        QCOMPARE(column(u"disk_used_bytes"_s, u"zoe"_s), u"7"_s);
+    }
+
+    void theProcessIsToldToEndWhileTheAgentSwitches()
+    {
+        const QString user = addAccountOverItsLimit();
+        m_agent->setAnswer(kSwitch, AgentAnswer::held({
+                                        {u"ok"_s, true}
+        }));
+        auto health = m_fixture.makeHealth();
+        expectOverLimit();
+        bool hasReturned = false;
+        QTimer::singleShot(0, this, [&] {
+            health->applyUsage({});
+            hasReturned = true;
+        });
+        QTimer watch;
+        connect(&watch, &QTimer::timeout, this, [this] {
+            if (!m_agent->calls(kSwitch).isEmpty())
+                QCoreApplication::exit();
+        });
+        watch.start(20);
+        QElapsedTimer timer;
+        timer.start();
+        QCoreApplication::exec();
+        QVERIFY(hasReturned);
+        QVERIFY2(timer.elapsed() < 10'000, qPrintable(QString::number(timer.elapsed())));
+        // The answer comes when nobody is there to take it.
+        health.reset();
+        m_agent->go();
+        finishMeasurement();
+        QCOMPARE(column(u"db_readonly"_s, user), u"false"_s);
+    }
+
+    void aLostSessionEndsTheRound_data()
+    {
+        QTest::addColumn<QString>("change");
+        QTest::newRow("usage") << u"disk_used_bytes"_s;
+        QTest::newRow("read-only-state") << u"db_readonly"_s;
+    }
+    void aLostSessionEndsTheRound()
+    {
+        QFETCH(const QString, change);
+        QJsonObject usage;
+        for (int i = 100; i < 300; ++i) {
+            addAccount(u"user%1"_s.arg(i));
+            usage[u"user%1"_s.arg(i)] = i;
+        }
+        HealthFixture::run(u"UPDATE tarn.accounts SET db_readonly = true"_s);
+        HealthFixture::run(u"CREATE FUNCTION kill() RETURNS trigger LANGUAGE plpgsql AS "
+                           "$$ BEGIN PERFORM pg_terminate_backend(pg_backend_pid()); RETURN NEW; END $$"_s);
+        HealthFixture::run(u"CREATE TRIGGER kill BEFORE UPDATE ON tarn.accounts FOR EACH ROW WHEN "
+                           "(OLD.username = 'user107' AND NEW.%1 IS DISTINCT FROM OLD.%1) "
+                           "EXECUTE FUNCTION kill()"_s.arg(change));
+        // One line, and the driver's own about its statement; any other fails the test.
+        HealthFixture::expectSqlError(u"terminating connection"_s);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Unable to free statement: "_s));
+        m_fixture.makeHealth()->applyUsage(usage);
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(true));
+        QCOMPARE(HealthFixture::scalar(u"SELECT count(*) FROM tarn.accounts WHERE disk_used_bytes > 0"_s),
+                 change == u"db_readonly" ? u"8"_s : u"7"_s);
     }
 
     void notEnforced_data()

@@ -326,6 +326,26 @@ private Q_SLOTS:
         QVERIFY2(longestMs < kMostStallMs, qPrintable(QString::number(longestMs)));
     }
 
+    void hitsAreStoredWhileTheAgentSwitches()
+    {
+        const QString user = m_server.createEmptyDatabase();
+        run(u"INSERT INTO tarn.accounts (username, domain, disk_limit_mb, db_limit_mb) VALUES "
+            "('%1', 'a.example', 0, 1)"_s.arg(user));
+        m_collector->settings.remove(u"notify/webhook_url"_s);
+        m_collector->agent.setAnswer(u"hosting.dbReadOnly"_s, AgentAnswer::silent());
+        const QString path = followedLog();
+        m_collector->start();
+        QTRY_COMPARE_WITH_TIMEOUT(m_collector->agent.calls(u"hosting.dbReadOnly"_s).size(), 1, kWaitMs);
+        QElapsedTimer timer;
+        timer.start();
+        const QString samples = value(u"SELECT count(*) FROM tarn.host_samples"_s);
+        writeFile(path, kLine);
+        QTRY_COMPARE_WITH_TIMEOUT(value(u"SELECT count(*) FROM tarn.hits"_s), u"1"_s, kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(value(u"SELECT count(*) FROM tarn.host_samples"_s) != samples, kWaitMs);
+        QVERIFY2(timer.elapsed() < kMostStallMs, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(m_collector->waitForLog(u"collect: database %1: agent did not answer"_s.arg(user)));
+    }
+
     void accounts()
     {
         m_collector->settings[u"collect/interval_seconds"_s] = u"3600"_s;
