@@ -4,13 +4,13 @@
 #include "collect/HostSample.h"
 #include "collect/StatusPage.h"
 #include "common/Db.h"
+#include "common/Mounts.h"
 #include "common/System.h"
 
 #include <QDateTime>
 #include <QScopedValueRollback>
 #include <QSettings>
 #include <QSqlQuery>
-#include <QStorageInfo>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -39,9 +39,9 @@ HostFigures readFigures()
     host.memAvailableKb = meminfo(memory, "MemAvailable");
     host.swapTotalKb = meminfo(memory, "SwapTotal");
     host.swapFreeKb = meminfo(memory, "SwapFree");
-    const QStorageInfo root(u"/"_s);
-    host.diskTotalBytes = root.bytesTotal();
-    host.diskAvailableBytes = root.bytesAvailable();
+    const system::Space root = system::spaceOf("/").value_or(system::Space());
+    host.diskTotalBytes = root.totalBytes;
+    host.diskAvailableBytes = root.availableBytes;
     host.cpuTemperatureC = cpuTemperature();
     host.pgConnections = static_cast<int>(count(kConnections));
     return host;
@@ -109,7 +109,7 @@ Health::Counters Health::read() const
 
 void Health::sample()
 {
-    // The waits for Apache and for a webhook serve timers, that of this job among them.
+    // The waits for Apache, a webhook and a mail server serve timers, that of this job among them.
     if (m_sampling)
         return;
     const QScopedValueRollback<bool> sampling(m_sampling, true);

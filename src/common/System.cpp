@@ -1,12 +1,14 @@
 #include "common/System.h"
 
+#include "common/Mounts.h"
+
 #include <QDateTime>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QProcess>
 #include <QSettings>
-#include <QStorageInfo>
 #include <QVariant>
 
 #include <algorithm>
@@ -24,6 +26,13 @@ constexpr QByteArrayView kExcludedTypes[] = {
     "tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal", "fuse.gvfsd-fuse",
 };
 
+/// The initial file system, which shows on some machines, and folders that are mounted when somebody asks for
+/// them, their size included.
+constexpr QByteArrayView kTypesNotAsked[] = {"rootfs", "autofs"};
+
+/// Folders of the kernel's own file systems, with what is below them.
+constexpr QByteArrayView kKernelFolders[] = {"/dev", "/proc", "/sys", "/var/run", "/var/lock"};
+
 /// How long systemctl may take, and then how long it may take to die.
 constexpr int kAnswerMs = 5'000;
 constexpr int kKillMs = 1'000;
@@ -31,11 +40,29 @@ constexpr int kKillMs = 1'000;
 /// The most of systemctl's output that is read. A unit takes some 200 bytes.
 constexpr qsizetype kMaxOutputBytes = 1'048'576;
 
+bool isExcluded(QByteArrayView type, const QString& folder)
+{
+    return std::ranges::find(kExcludedTypes, type) != std::end(kExcludedTypes)
+           || folder.startsWith("/snap/"_L1) || folder.startsWith("/run/"_L1);
+}
+
 bool canFillUp(const Volume& volume)
 {
-    return volume.usable && std::ranges::find(kExcludedTypes, volume.type) == std::end(kExcludedTypes)
-           && volume.totalBytes > 0 && !volume.mount.startsWith("/snap/"_L1)
-           && !volume.mount.startsWith("/run/"_L1);
+    return volume.usable && !isExcluded(volume.type, volume.mount) && volume.totalBytes > 0;
+}
+
+bool isBelow(const QByteArray& folder, QByteArrayView parent)
+{
+    return folder.startsWith(parent) && (folder.size() == parent.size() || folder.at(parent.size()) == '/');
+}
+
+/// Before any of them is asked: what is not listed cannot hold anything up.
+bool isAsked(const Mount& mount)
+{
+    return std::ranges::find(kTypesNotAsked, mount.type) == std::end(kTypesNotAsked)
+           && std::ranges::none_of(kKernelFolders,
+                                   [&mount](QByteArrayView parent) { return isBelow(mount.folder, parent); })
+           && !isExcluded(mount.type, QFile::decodeName(mount.folder));
 }
 
 /// Reads what the process writes, until it ends, has written too much or has taken too long.
@@ -95,11 +122,22 @@ void addProperty(QJsonObject& service, QByteArrayView key, const QString& value)
 
 QJsonArray disks()
 {
+    // Remembers which mounts hang, from one call to the next.
+    static SpaceQuery query;
+    QFile table(u"/proc/self/mountinfo"_s);
+    return disks(table.open(QIODevice::ReadOnly) ? table.readAll() : QByteArray(), query);
+}
+
+QJsonArray disks(const QByteArray& mountInfo, SpaceQuery& query)
+{
+    QList<Mount> mounts = visibleMounts(parseMountInfo(mountInfo));
+    mounts.removeIf([](const Mount& mount) { return !isAsked(mount); });
+    const QHash<QByteArray, Space> spaces = query.ask(mounts);
     QList<Volume> volumes;
-    const QList<QStorageInfo> mounted = QStorageInfo::mountedVolumes();
-    for (const QStorageInfo& volume : mounted) {
-        volumes.append({volume.rootPath(), volume.device(), volume.fileSystemType(), volume.bytesTotal(),
-                        volume.bytesAvailable(), volume.isValid() && volume.isReady()});
+    for (const Mount& mount : std::as_const(mounts)) {
+        const Space space = spaces.value(mount.folder);
+        volumes.append({QFile::decodeName(mount.folder), mount.device, mount.type, space.totalBytes,
+                        space.availableBytes, spaces.contains(mount.folder)});
     }
     return disks(volumes);
 }

@@ -12,11 +12,17 @@ class QSettings;
 
 namespace tarn::system {
 
+class SpaceQuery;
+
 /// The mounted volumes that can fill up, in the order of the mount table:
 /// [{"mount": "/", "device": "/dev/sda1", "type": "ext4", "total": 1000000, "avail": 400000}, ...], sizes in
-/// bytes, "avail" for an unprivileged user. A device that is mounted twice is there twice. Asks every mount
-/// for its size, so that a network file system whose server is gone can hold it up.
+/// bytes, "avail" for an unprivileged user. A device that is mounted twice is there twice; what is mounted
+/// over is not there. Asks the mounts for their sizes in threads and waits for a second at most: one that
+/// does not answer is left out, which is logged once.
 QJsonArray disks();
+
+/// The same for a mount table @p mountInfo (proc(5)), whose mounts @p query asks.
+QJsonArray disks(const QByteArray& mountInfo, SpaceQuery& query);
 
 /// A mounted volume, as the operating system describes it.
 struct Volume

@@ -1,3 +1,4 @@
+#include "common/Mounts.h"
 #include "common/System.h"
 
 #include <QDir>
@@ -8,6 +9,7 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QSettings>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -15,6 +17,8 @@
 #include <csignal>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <optional>
 
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -265,6 +269,58 @@ private Q_SLOTS:
             if (line.folder == u"/"_s && line.type == u"ext4"_s)
                 QVERIFY2(mountsOf(disks).contains(u"/"_s), "the root is missing");
         }
+    }
+
+    /// Another reader of the same machine, but for what is mounted over, which it lists as well.
+    void disksAsQtSeesThem()
+    {
+        QList<Volume> volumes;
+        const QList<QStorageInfo> mounted = QStorageInfo::mountedVolumes();
+        for (const QStorageInfo& one : mounted) {
+            volumes.removeIf([&one](const Volume& before) { return before.mount == one.rootPath(); });
+            volumes.append({one.rootPath(), one.device(), one.fileSystemType(), one.bytesTotal(),
+                            one.bytesAvailable(), one.isValid() && one.isReady()});
+        }
+        const QJsonArray expected = system::disks(volumes);
+        const QJsonArray disks = system::disks();
+        QVERIFY(!disks.isEmpty());
+        QCOMPARE(mountsOf(disks), mountsOf(expected));
+        for (qsizetype i = 0; i < disks.size(); ++i) {
+            for (const QString& key : {u"device"_s, u"type"_s, u"total"_s})
+                QCOMPARE(disks.at(i)[key], expected.at(i)[key]);
+            // Others write meanwhile.
+            QVERIFY(qAbs(disks.at(i)[u"avail"].toInteger() - expected.at(i)[u"avail"].toInteger())
+                    < 1024 * kMegaByte);
+        }
+    }
+
+    void mountsThatAreNotListedAreNotAsked()
+    {
+        const QByteArray table = "1 0 0:1 / / rw - ext4 /dev/sda1 rw\n"
+                                 "2 1 0:2 / /run/media/x rw - ext4 /dev/sdb1 rw\n"
+                                 "3 1 0:3 / /snap/core/1 rw - ext4 /dev/loop0 rw\n"
+                                 "4 1 0:4 / /tmp rw - tmpfs tmpfs rw\n"
+                                 "5 1 0:5 / /net/a rw - autofs auto rw\n"
+                                 "6 1 0:6 / /sys/fs/x rw - x x rw\n"
+                                 "7 1 0:7 / /proc rw - proc proc rw\n"
+                                 "8 1 0:8 / /covered rw - nfs4 gone:/ rw\n"
+                                 "9 8 0:9 / /covered rw - ext4 /dev/my\\040disk rw\n"
+                                 "10 1 0:9 / /syslog\\0401 rw - ext4 /dev/sdc1 rw\n"
+                                 "11 1 0:9 / /zero rw - x x rw\n"
+                                 "12 1 0:9 / /broken rw - ext4 /dev/sdd1 rw\n";
+        std::mutex mutex;
+        QStringList asked;
+        system::SpaceQuery query([&](const QByteArray& folder) {
+            const std::lock_guard lock(mutex);
+            asked.append(QString::fromUtf8(folder));
+            return folder == "/broken" ? std::nullopt
+                                       : std::optional(system::Space{folder == "/zero" ? 0 : 1'000, 400});
+        });
+        const QJsonArray disks = system::disks(table, query);
+        asked.sort();
+        QCOMPARE(asked, (QStringList{u"/"_s, u"/broken"_s, u"/covered"_s, u"/syslog 1"_s, u"/zero"_s}));
+        QCOMPARE(mountsOf(disks), (QStringList{u"/"_s, u"/covered"_s, u"/syslog 1"_s}));
+        QCOMPARE(disks.at(1)[u"device"].toString(), u"/dev/my disk"_s);
     }
 
     void monitoredServices_data()

@@ -1,0 +1,84 @@
+// The mount table, and the sizes of what is mounted. The parser is a function of the text alone; the sizes
+// are asked for in threads, since a mount whose server is gone answers nobody.
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+
+namespace tarn::system {
+
+/// A line of /proc/self/mountinfo.
+struct Mount
+{
+    qint64 id = 0;
+    qint64 parent = 0; ///< the mount that its folder is in
+    QByteArray folder; ///< where it is mounted, in bytes of the file system
+    QByteArray type;   ///< of the file system
+    QByteArray device; ///< what is mounted, which need not be a path
+};
+
+/// /proc/self/mountinfo (proc(5)); what is no such line is passed over:
+///
+///     36 35     98:0  /root  /srv/my\040data rw,noatime master:1 - ext3 /dev/root rw
+///     id parent device  root folder          options    tags...    type device    options
+QList<Mount> parseMountInfo(const QByteArray& text);
+
+/// Those of @p mounts that a path leads to, in their order: not what another one is mounted over, be it at
+/// the same folder or at one above. No folder is there twice.
+QList<Mount> visibleMounts(const QList<Mount>& mounts);
+
+/// What a file system says of its size.
+struct Space
+{
+    qint64 totalBytes = 0;
+    qint64 availableBytes = 0; ///< to an unprivileged user
+};
+
+/// Asks the file system that @p folder is in (statvfs(3)), for as long as it takes; nothing when it fails.
+std::optional<Space> spaceOf(const QByteArray& folder);
+
+/// Asks many mounts at once, each from a thread of its own, and gives up those that do not answer. A thread
+/// that the kernel holds cannot be ended: it is left behind, and its mount is not asked again until it has
+/// come back. So there is one thread at most for each mount that hangs. For one thread.
+class SpaceQuery
+{
+public:
+    using Ask = std::function<std::optional<Space>(const QByteArray& folder)>;
+
+    /// How long all mounts together may take.
+    static constexpr std::chrono::milliseconds kLimit{1'000};
+    /// At a time, those that were left behind among them. Mounts that are too many for it are not asked.
+    static constexpr std::size_t kMaxThreads = 256;
+
+    /// @p ask is called in other threads, by several at a time, and may return after this object's end.
+    explicit SpaceQuery(Ask ask = spaceOf, std::chrono::milliseconds limit = kLimit);
+
+    /// The space of each of @p mounts by its folder, without those that have failed or not answered. Blocks
+    /// for the limit at most. That a mount does not answer is logged once, and again only when it has
+    /// answered in between.
+    QHash<QByteArray, Space> ask(const QList<Mount>& mounts);
+
+private:
+    /// What is mounted later at the same folder is another mount.
+    using Key = std::pair<qint64, QByteArray>;
+
+    /// False when there is no thread to be had.
+    bool start(const Mount& mount);
+    void note(const Mount& mount, bool answers);
+
+    Ask m_ask;
+    std::chrono::milliseconds m_limit;
+    std::map<Key, std::future<std::optional<Space>>> m_asked; ///< and not heard of
+    std::set<Key> m_silent;                                   ///< as the log says
+};
+
+} // namespace tarn::system
