@@ -294,6 +294,33 @@ private Q_SLOTS:
         }
     }
 
+    void capturedTables_data()
+    {
+        QTest::addColumn<QStringList>("mounts");
+        // ProtectSystem=strict makes the homes writable by mounting them anew, unless they are to stay
+        // read-only.
+        QTest::newRow("systemd-252-strict") << QStringList{u"/"_s, u"/home"_s, u"/root"_s};
+        QTest::newRow("systemd-252-strict-home-read-only") << QStringList{u"/"_s};
+    }
+    void capturedTables()
+    {
+        const QString name = QString::fromLatin1(QTest::currentDataTag());
+        const QByteArray table = contentsOf(QStringLiteral(TARN_TEST_DATA "/mountinfo/") + name + u".txt"_s);
+        system::SpaceQuery query([](const QByteArray&) { return system::Space{1'000, 400}; });
+        QTEST(mountsOf(system::disks(table, query)), "mounts");
+    }
+
+    /// The unit's own settings, of which the captured tables show what they do.
+    void theUnitAddsNoDisks()
+    {
+        const QByteArray unit =
+            contentsOf(QStringLiteral(TARN_TEST_DATA "/../../packaging/tarn-collect.service"));
+        QVERIFY(unit.contains("\nProtectSystem=strict\n"));
+        QVERIFY(unit.contains("\nProtectHome=read-only\n"));
+        for (const char* setting : {"PrivateTmp=", "ReadWritePaths=", "BindPaths=", "TemporaryFileSystem="})
+            QVERIFY2(!unit.contains(QByteArray("\n") + setting), setting);
+    }
+
     void mountsThatAreNotListedAreNotAsked()
     {
         const QByteArray table = "1 0 0:1 / / rw - ext4 /dev/sda1 rw\n"
