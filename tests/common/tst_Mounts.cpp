@@ -191,6 +191,8 @@ private Q_SLOTS:
             {"ab", "a"});
         // As after a mount that came from elsewhere.
         row("two-side-by-side-at-one-folder", {mount(11, 10, "/a", "a"), mount(12, 10, "/a", "b")}, {"b"});
+        // Moved there, it keeps its older number and its earlier line.
+        row("over-mounted-by-an-older-one", {mount(11, 12, "/a", "a"), mount(12, 10, "/a", "b")}, {"a"});
         row("unknown-parent", {mount(11, 99, "/a", "a")}, {"a"});
         row("circle", {mount(11, 12, "/a/b", "a"), mount(12, 11, "/c/d", "b")}, {"a", "b"});
         QTest::newRow("root-over-another")

@@ -843,6 +843,20 @@ private Q_SLOTS:
         QVERIFY2(pulse.longestGapMs() < 3'000, qPrintable(QString::number(pulse.longestGapMs())));
     }
 
+    /// The job inside the wait serves the mail's socket as well, and nobody reads what it takes.
+    void aFloodWhileAnotherJobRuns()
+    {
+        test::FakeSmtp server;
+        QVERIFY(server.play({"FLOOD 220-more\\n"}));
+        Config config = mailConfig();
+        config.smtpPort = server.port();
+        QTimer::singleShot(0, this, [] { QTest::qWait(2'000); });
+        QCOMPARE(Smtp(config).send(kSubject, kText), u"220-more"_s);
+        server.stop();
+        QCOMPARE(server.complaints(), QStringList());
+        QVERIFY2(server.floodedBytes() < 16'777'216, qPrintable(QString::number(server.floodedBytes())));
+    }
+
     void interrupted_data()
     {
         QTest::addColumn<QList<QByteArray>>("script");
