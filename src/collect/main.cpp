@@ -6,6 +6,7 @@
 #include "collect/Health.h"
 #include "common/Config.h"
 #include "common/Db.h"
+#include "common/Log.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -274,6 +275,7 @@ void start(QTimer& timer, std::chrono::milliseconds period, Job job)
 
 int main(int argc, char** argv)
 {
+    tarn::installLog();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"tarn-collect"_s);
     QCoreApplication::setApplicationVersion(u"0.1"_s);

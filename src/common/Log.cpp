@@ -1,0 +1,91 @@
+#include "common/Log.h"
+
+#include <QtGlobal>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+constexpr QByteArrayView kCutMark = "...";
+
+/// True for what a terminal, the journal or a viewer of logs may take for the end of a line or for a command.
+bool breaksLine(QChar c)
+{
+    switch (c.category()) {
+    case QChar::Other_Control: // "\n", "\r", escape, U+0085
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// The most bytes of @p text that are at most @p limit and end with a whole character.
+qsizetype wholeCharacters(const QByteArray& text, qsizetype limit)
+{
+    const auto continues = [&text](qsizetype at) { return (text.at(at) & '\xc0') == '\x80'; };
+    qsizetype size = limit;
+    while (size > 0 && continues(size))
+        --size;
+    return size;
+}
+
+void writeLine(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    const QString formatted = qFormatLogMessage(type, context, oneLine(text));
+    if (formatted.isNull()) // the pattern has no place for this message
+        return;
+    const QByteArray line = logLine(formatted);
+    for (qsizetype done = 0; done < line.size();) {
+        const ssize_t written =
+            write(STDERR_FILENO, line.constData() + done, static_cast<size_t>(line.size() - done));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return; // nobody is left to be told
+        done += written;
+    }
+}
+
+} // namespace
+
+QString oneLine(const QString& text)
+{
+    QString line;
+    line.reserve(text.size());
+    bool pending = false;
+    for (const QChar c : text) {
+        if (breaksLine(c)) {
+            pending = true;
+            continue;
+        }
+        if (std::exchange(pending, false))
+            line += u' ';
+        line += c;
+    }
+    return line;
+}
+
+QByteArray logLine(const QString& text)
+{
+    QByteArray line = text.toUtf8();
+    constexpr qsizetype room = kMaxLogLineBytes - 1;
+    if (line.size() > room) {
+        line.truncate(wholeCharacters(line, room - kCutMark.size()));
+        line += kCutMark;
+    }
+    return line + '\n';
+}
+
+void installLog()
+{
+    qInstallMessageHandler(writeLine);
+}
+
+} // namespace tarn

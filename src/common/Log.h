@@ -1,0 +1,29 @@
+// Where texts become lines of the log. Messages hold what strangers and other programs have written (domains,
+// paths, reasons of servers), and a line feed in one of them must not make a line of its own.
+// What is not sent through Qt's logging, such as the notices of PostgreSQL's client library, does not come
+// here.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace tarn {
+
+/// The most bytes of one line, its line feed included. The journal cuts a line of more than 48 KiB in two.
+constexpr qsizetype kMaxLogLineBytes = 48'000;
+
+/// @p text with each run of control characters and of Unicode's line and paragraph separators replaced by one
+/// blank, and without such a run at the end:
+///
+///     "ERROR:  no such site\nDETAIL:  1\n(23503) QPSQL"  ->  "ERROR:  no such site DETAIL:  1 (23503) QPSQL"
+QString oneLine(const QString& text);
+
+/// The bytes of a line of the log: @p text in UTF-8, cut between two characters and ended by "..." if it is
+/// too long, and a line feed.
+QByteArray logLine(const QString& text);
+
+/// Has every message of the process written to standard error as one line, in one write. The text is
+/// formatted by Qt, so that QT_MESSAGE_PATTERN works as ever. To be called first thing.
+void installLog();
+
+} // namespace tarn
