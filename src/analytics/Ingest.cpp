@@ -41,6 +41,20 @@ const auto kCountryQuery =
     u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
     "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)"_s;
 
+/// SQLSTATE of a statement that names a table which does not exist; a missing schema gives it as well.
+constexpr auto kUndefinedTable = "42P01"_L1;
+
+/// Runs @p statement and goes to its first row; false when there is none. That a table is missing is for the
+/// caller to say, every other failure is logged.
+bool hasRow(QSqlQuery& query, const QString& statement)
+{
+    if (query.exec(statement))
+        return query.next();
+    if (query.lastError().nativeErrorCode() != kUndefinedTable)
+        db::logFailure(query.lastError().text());
+    return false;
+}
+
 /// PostgreSQL's text holds every character but this one, which "%00" in a request makes; a statement that
 /// contains it is cut there, and fails.
 QString withoutNuls(QString text)
@@ -205,11 +219,10 @@ Ingest::~Ingest() = default;
 bool Ingest::init()
 {
     QSqlQuery query;
-    if (!query.exec(u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s) || !query.next())
+    if (!hasRow(query, u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s))
         return false;
     m_secret = query.value(0).toString().toLatin1();
-    m_haveGeo = query.exec(u"SELECT EXISTS (SELECT 1 FROM tarn.geo_country)"_s) && query.next()
-                && query.value(0).toBool();
+    m_haveGeo = hasRow(query, u"SELECT EXISTS (SELECT 1 FROM tarn.geo_country)"_s) && query.value(0).toBool();
     return true;
 }
 

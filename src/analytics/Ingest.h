@@ -32,7 +32,8 @@ public:
     ~Ingest();
 
     /// Reads the visitor secret, and whether there is a country table. False when there is no secret, as in a
-    /// database without the tables. To be called once, before ingest(); later changes need a restart.
+    /// database without the tables; any other reason that the server has (a right that is missing, the end of
+    /// the session) is logged before. To be called once, before ingest(); later changes need a restart.
     bool init();
 
     /// Stores the hits in @p lines, given without their line feeds, in one transaction, and announces them on

@@ -151,8 +151,25 @@ bool exec(QSqlQuery& query)
     // only.
     if (query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid())
         reason = earlier.text();
-    qWarning("sql: %s", qPrintable(reason));
+    logFailure(reason);
     return false;
+}
+
+bool exec(QSqlQuery& query, const QString& statement)
+{
+    if (query.exec(statement))
+        return true;
+    logFailure(query.lastError().text());
+    return false;
+}
+
+void logFailure(const QString& reason)
+{
+    if (reason.trimmed().isEmpty() && !session().isOpen()) {
+        qWarning("sql: the session with the server is lost");
+        return;
+    }
+    qWarning("sql: %s", qPrintable(reason));
 }
 
 int schemaVersion()

@@ -26,6 +26,12 @@ bool ensure(bool force);
 
 /// Runs a prepared query. A failure is logged as "sql: ..." and gives false.
 bool exec(QSqlQuery& query);
+/// Runs @p statement, which has no values to bind, on @p query. The same with a failure.
+bool exec(QSqlQuery& query, const QString& statement);
+
+/// Logs @p reason as "sql: ...". Behind the first statement that fails with a lost session the driver gives
+/// no reason; the line then names that loss.
+void logFailure(const QString& reason);
 
 /// The highest migration the suite's admin tool has recorded; 0 when there is none, or no such table.
 int schemaVersion();

@@ -1,4 +1,5 @@
 #include "common/Db.h"
+#include "support/Messages.h"
 #include "support/ProductSession.h"
 
 #include <QRegularExpression>
@@ -67,6 +68,27 @@ private Q_SLOTS:
         QCOMPARE(scalar(u"SHOW client_min_messages"_s), u"warning"_s);
         QCOMPARE(session().connectOptions(),
                  u"application_name=tarn-collect;options='-c client_min_messages=warning'"_s);
+    }
+
+    void aFailureWithoutAReasonNamesTheLostSession()
+    {
+        QVERIFY(m_session.open());
+        QTest::ignoreMessage(QtWarningMsg, "sql: no such thing");
+        db::logFailure(u"no such thing"_s);
+        QTest::ignoreMessage(QtWarningMsg, "sql: "); // an open session is none that was lost
+        db::logFailure(u" "_s);
+        killBackend();
+        const QStringList messages = test::messagesOf([] {
+            for (int i = 0; i < 3; ++i) {
+                QSqlQuery query;
+                QVERIFY(!db::exec(query, u"SELECT 1"_s));
+            }
+            session().close();
+            db::logFailure(u" "_s);
+        });
+        QVERIFY2(messages.filter(QRegularExpression(u"^sql: \\s*$"_s)).isEmpty(),
+                 qPrintable(messages.join(u'|')));
+        QCOMPARE(messages.last(), u"sql: the session with the server is lost"_s);
     }
 
     void openFailureIsCritical()

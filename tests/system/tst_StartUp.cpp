@@ -149,6 +149,39 @@ private Q_SLOTS:
         QCOMPARE(m_collector->log(), QStringList{u"analytics tables are missing; run tarn-admin migrate"_s});
     }
 
+    void analyticsTablesOutOfReach_data()
+    {
+        QTest::addColumn<QStringList>("statements");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("right-missing")
+            << QStringList{u"GRANT USAGE ON SCHEMA tarn TO powerless"_s,
+                           u"GRANT SELECT ON tarn.schema_migrations TO powerless"_s}
+            << u"sql: ERROR:  permission denied for table settings"_s;
+        QTest::newRow("session-lost")
+            << QStringList{u"ALTER TABLE tarn.settings RENAME TO kept"_s,
+                           u"CREATE VIEW tarn.settings AS SELECT key, value FROM tarn.kept "
+                           "WHERE pg_terminate_backend(pg_backend_pid())"_s}
+            << u"sql: FATAL:  terminating connection due to administrator command"_s;
+    }
+    void analyticsTablesOutOfReach()
+    {
+        QFETCH(const QStringList, statements);
+        QFETCH(const QString, reason);
+        run(u"CREATE ROLE powerless LOGIN"_s);
+        const bool isPowerless = statements.first().contains(u"powerless"_s);
+        for (const QString& statement : statements)
+            run(statement);
+        if (isPowerless)
+            m_collector->settings[u"database/user"_s] = u"powerless"_s;
+        m_collector->start();
+        QCOMPARE(m_collector->waitForExit(), 1);
+        const QStringList log = m_collector->log();
+        run(u"DROP OWNED BY powerless"_s);
+        run(u"DROP ROLE powerless"_s);
+        QVERIFY2(log.size() >= 2 && log.at(log.size() - 2).startsWith(reason), qPrintable(log.join(u'\n')));
+        QCOMPARE(log.last(), u"analytics tables are missing; run tarn-admin migrate"_s);
+    }
+
     void runsUntilItIsEndedFromOutside()
     {
         m_collector->start();
