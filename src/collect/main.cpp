@@ -4,13 +4,13 @@
 #include "analytics/Google.h"
 #include "analytics/Ingest.h"
 #include "collect/Health.h"
+#include "collect/LogSource.h"
 #include "common/Config.h"
 #include "common/Db.h"
 #include "common/Log.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QFile>
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlDriver>
@@ -18,12 +18,9 @@
 #include <QSqlQuery>
 #include <QTimer>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <limits>
-#include <optional>
 
 using namespace Qt::Literals::StringLiterals;
 using tarn::Health;
@@ -34,9 +31,6 @@ namespace {
 constexpr int kSchemaVersion = 11;
 constexpr auto kLogInterval = std::chrono::seconds(2);
 constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
-
-/// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs.
-constexpr qint64 kSliceBytes = 8'388'608;
 
 /// Read once at start; other settings of the connection to Google need a restart.
 tarn::analytics::google::Client g_google;
@@ -51,116 +45,17 @@ QSqlQuery rowsOf(const QString& statement)
     return query;
 }
 
-/// One row of tarn.log_sources, with the host of its site.
-struct LogSource
+/// Feeds what has been appended to the sites' access logs to @p ingest.
+void followLogs(Ingest& ingest, tarn::LongLines& longLines)
 {
-    int id = 0;
-    QString path;
-    std::optional<quint64> inode; ///< of the file last read
-    qint64 readOffset = 0;
-    int siteId = 0;
-    QString host;
-};
-
-QList<LogSource> logSources()
-{
-    QList<LogSource> sources;
-    QSqlQuery query =
-        rowsOf(u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l "
-               "JOIN tarn.sites s ON s.id = l.site_id"_s);
-    while (query.next()) {
-        LogSource source;
-        source.id = query.value(0).toInt();
-        source.path = query.value(1).toString();
-        if (!query.isNull(2))
-            source.inode = static_cast<quint64>(query.value(2).toLongLong());
-        source.readOffset = query.value(3).toLongLong();
-        source.siteId = query.value(4).toInt();
-        source.host = query.value(5).toString();
-        sources.append(source);
-    }
-    return sources;
-}
-
-/// Where to go on reading: at the start for a log that is new, has been rotated or has been cut in place.
-qint64 startOffset(const LogSource& source, const struct stat& file)
-{
-    const bool same = source.inode == file.st_ino && file.st_size >= source.readOffset;
-    return same ? source.readOffset : 0;
-}
-
-/// What stands in the log from @p offset on, up to the last line feed of the slice; empty when there is no
-/// whole line, nothing when the file cannot be read.
-std::optional<QByteArray> readLines(const LogSource& source, const struct stat& file, qint64 offset)
-{
-    QFile log(source.path);
-    if (!log.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || !log.seek(offset))
-        return std::nullopt;
-    struct stat opened = {};
-    // Rotated or cut since it was looked at: the next pass starts over.
-    const bool same = fstat(log.handle(), &opened) == 0 && opened.st_ino == file.st_ino
-                      && opened.st_dev == file.st_dev && opened.st_size >= offset;
-    if (!same)
-        return QByteArray();
-    QByteArray data = log.read(kSliceBytes);
-    data.truncate(data.lastIndexOf('\n') + 1);
-    return data;
-}
-
-/// The lines in @p data that are not empty. They share its bytes, and must not outlive it: a copy of each
-/// would make a file of nothing but line feeds cost a hundred times its size.
-QList<QByteArray> linesOf(const QByteArray& data)
-{
-    QList<QByteArray> lines;
-    for (qsizetype start = 0; start < data.size();) {
-        const qsizetype end = data.indexOf('\n', start);
-        if (end > start)
-            lines.append(QByteArray::fromRawData(data.constData() + start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
-void followLog(Ingest& ingest, const LogSource& source)
-{
-    struct stat file = {};
-    if (stat(source.path.toLocal8Bit().constData(), &file) != 0)
-        return;
-    const qint64 offset = startOffset(source, file);
-    if (file.st_size == offset)
-        return;
-    const std::optional<QByteArray> data = readLines(source, file, offset);
-    if (!data) {
-        qWarning("collect: cannot read %s", qPrintable(source.path));
-        return;
-    }
-    if (data->isEmpty())
-        return;
-
-    const Ingest::Result result = ingest.ingest(source.siteId, source.host, linesOf(*data));
-    if (result.skipped != 0)
-        qWarning("collect: %s: %d lines were not log entries", qPrintable(source.path), result.skipped);
-
-    QSqlQuery query;
-    query.prepare(
-        u"UPDATE tarn.log_sources SET inode = ?, read_offset = ?, updated_at = now() WHERE id = ?"_s);
-    query.addBindValue(static_cast<qint64>(file.st_ino));
-    query.addBindValue(offset + data->size());
-    query.addBindValue(source.id);
-    tarn::db::exec(query);
-}
-
-/// Feeds what has been appended to the sites' access logs to @p ingest. All that is remembered from one pass
-/// to the next is in the database: the place in each log is stored after its lines are, so that a crash in
-/// between reads them again rather than losing them.
-void followLogs(Ingest& ingest)
-{
-    const QList<LogSource> sources = logSources();
-    for (const LogSource& source : sources) {
+    const QList<tarn::LogSource> sources = tarn::logSources();
+    if (!sources.isEmpty())
+        longLines.keepOnly(sources);
+    for (const tarn::LogSource& source : sources) {
         // A server lost half-way keeps nothing of what the remaining logs hold: the next pass reads them.
         if (!tarn::db::session().isOpen())
             return;
-        followLog(ingest, source);
+        tarn::followLog(ingest, longLines, source);
     }
 }
 
@@ -312,9 +207,10 @@ int main(int argc, char** argv)
         qCritical("analytics tables are missing; run tarn-admin migrate");
         return 1;
     }
+    tarn::LongLines longLines;
     QTimer logTimer;
-    start(logTimer, kLogInterval, [&ingest] { followLogs(ingest); });
-    followLogs(ingest);
+    start(logTimer, kLogInterval, [&] { followLogs(ingest, longLines); });
+    followLogs(ingest, longLines);
 
     g_google = tarn::analytics::google::clientFrom(settings);
 

@@ -202,6 +202,20 @@ private Q_SLOTS:
         QTRY_COMPARE(readOffset(logPath()).toLongLong(), line("/3").size());
     }
 
+    void cutSeenEmptyAndGrownPastTheOldPlace()
+    {
+        write(logPath(), line("/1") + line("/2"));
+        follow(logPath());
+        m_collector->start();
+        QVERIFY(waitForHits(2));
+        QTRY_VERIFY(readOffset(logPath()) != u"0"_s);
+        write(logPath(), {});
+        QTRY_COMPARE_WITH_TIMEOUT(readOffset(logPath()), u"0"_s, 20'000);
+        append(logPath(), line("/3") + line("/4") + line("/5"));
+        QVERIFY(waitForHits(5));
+        QCOMPARE(paths(), u"/1 /2 /3 /4 /5"_s);
+    }
+
     void cutAndGrownPastTheOldPlaceIsNotNoticed()
     {
         write(logPath(), line("/1"));
@@ -404,7 +418,10 @@ private Q_SLOTS:
         waitForTwoPasses();
         QCOMPARE(paths(), u"/other"_s);
         QCOMPARE(readOffset(logPath(u"long.log"_s)), u"0"_s);
-        QCOMPARE(m_collector->log(), QStringList());
+        QCOMPARE(m_collector->log(),
+                 QStringList{
+                     u"collect: %1: a line is longer than 8388608 bytes; nothing from there on is read"_s.arg(
+                         logPath(u"long.log"_s))});
     }
 
     void placeThatCannotBeStoredMeansReadingAgain()
