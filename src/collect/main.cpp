@@ -1,10 +1,11 @@
-// The collector: start-up, timers, and the jobs that are private to it.
+// The collector's timetable: what runs, in which order at start, and how often after that.
 
-#include "analytics/GeoIp.h"
 #include "analytics/Google.h"
 #include "analytics/Ingest.h"
 #include "collect/Health.h"
 #include "collect/LogSource.h"
+#include "collect/LongJobs.h"
+#include "collect/Maintenance.h"
 #include "common/Config.h"
 #include "common/Db.h"
 #include "common/Log.h"
@@ -14,115 +15,61 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlDriver>
-#include <QSqlError>
-#include <QSqlQuery>
 #include <QTimer>
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <limits>
 
 using namespace Qt::Literals::StringLiterals;
-using tarn::Health;
-using tarn::analytics::Ingest;
+using namespace tarn;
+using analytics::Ingest;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
 
 namespace {
 
 constexpr int kSchemaVersion = 11;
-constexpr auto kLogInterval = std::chrono::seconds(2);
-constexpr auto kMaintenanceInterval = std::chrono::seconds(30);
-
-/// Read once at start; other settings of the connection to Google need a restart.
-tarn::analytics::google::Client g_google;
-
-/// The rows that @p statement yields, which has no values to bind. None, and a line in the log, when it
-/// fails.
-QSqlQuery rowsOf(const QString& statement)
-{
-    QSqlQuery query;
-    if (!query.exec(statement))
-        qWarning("sql: %s", qPrintable(query.lastError().text()));
-    return query;
-}
+constexpr auto kLogInterval = seconds(2);
+constexpr auto kMaintenanceInterval = seconds(30);
 
 /// Feeds what has been appended to the sites' access logs to @p ingest.
-void followLogs(Ingest& ingest, tarn::LongLines& longLines)
+void followLogs(Ingest& ingest, LongLines& longLines)
 {
-    const QList<tarn::LogSource> sources = tarn::logSources();
+    const QList<LogSource> sources = logSources();
     if (!sources.isEmpty())
         longLines.keepOnly(sources);
-    for (const tarn::LogSource& source : sources) {
+    for (const LogSource& source : sources) {
         // A server lost half-way keeps nothing of what the remaining logs hold: the next pass reads them.
-        if (!tarn::db::session().isOpen())
+        if (!db::session().isOpen())
             return;
-        tarn::followLog(ingest, longLines, source);
+        followLog(ingest, longLines, source);
     }
 }
 
-/// Deletes hits past the retention that the suite has set; without one they are kept for ever.
-void removeOldHits()
+/// Rolls every site's hits up, and asks for the daily work unless this day has seen it.
+void maintain(DailyMark& mark, LongJobs& longJobs)
 {
-    QSqlQuery setting = rowsOf(u"SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'"_s);
-    if (!setting.next() || setting.value(0).toInt() <= 0)
+    const QDate today = QDate::currentDate();
+    const bool isDailyDue = mark.isDue(today);
+    if (!rollUpSites(daysToRollUp(today, isDailyDue)) || !isDailyDue)
         return;
-    const int days = setting.value(0).toInt();
-    QSqlQuery removal;
-    removal.prepare(u"DELETE FROM tarn.hits WHERE at < now() - make_interval(days => ?)"_s);
-    removal.addBindValue(days);
-    tarn::db::exec(removal);
-    qInfo("collect: removed %d raw hits older than %d days", removal.numRowsAffected(), days);
+    // Noted first: what fails is tried again tomorrow, not every 30 seconds.
+    mark.note(today);
+    longJobs.request(LongJob::RemoveOldHits);
+    longJobs.request(LongJob::SyncSearch);
+    longJobs.request(LongJob::UpdateCountries);
 }
 
 /// Brings the search figures up to date, if the settings file has what Google wants to know.
-void syncSearch()
+void syncSearch(const analytics::google::Client& google)
 {
-    if (!g_google.configured())
+    if (!google.configured())
         return;
-    const QString result = tarn::analytics::google::sync(g_google);
+    const QString result = analytics::google::sync(google);
     qInfo("collect: google: %s", qPrintable(result));
-}
-
-void updateCountries()
-{
-    if (!tarn::analytics::geoIpIsStale())
-        return;
-    bool ok = false;
-    const QString result = tarn::analytics::updateGeoIp({}, &ok);
-    qInfo("collect: geoip: %s", qPrintable(result));
-}
-
-void rollUpSites(const QSet<QDate>& days)
-{
-    QSqlQuery sites = rowsOf(u"SELECT id FROM tarn.sites"_s);
-    while (sites.next())
-        Ingest::rollup(sites.value(0).toInt(), days);
-}
-
-/// The maintenance pass of the day @p today: rolls every site's hits up, and does the daily work unless @p
-/// lastDailyPass says that this day has seen it.
-void maintainOn(QDate today, QDate& lastDailyPass)
-{
-    const bool daily = lastDailyPass != today;
-    QSet<QDate> days = {today};
-    if (daily)
-        days.insert(today.addDays(-1)); // for the hits of its last minutes
-
-    rollUpSites(days);
-
-    if (!daily)
-        return;
-    // Noted first: what fails is tried again tomorrow, not every 30 seconds. And both of the waits below let
-    // the timer of this function run.
-    lastDailyPass = today;
-    removeOldHits();
-    syncSearch();
-    updateCountries();
-}
-
-void maintain()
-{
-    static QDate lastDailyPass;
-    maintainOn(QDate::currentDate(), lastDailyPass);
 }
 
 /// Subscribes to the channels by which the suite's other programs ask for something, unless that is done: a
@@ -130,7 +77,7 @@ void maintain()
 /// back.
 void listen()
 {
-    QSqlDriver* driver = tarn::db::session().driver();
+    QSqlDriver* driver = db::session().driver();
     const QStringList known = driver->subscribedToNotifications();
     for (const QString& channel : {u"tarn_sync"_s, u"tarn_usage"_s}) {
         if (!known.contains(channel))
@@ -139,97 +86,105 @@ void listen()
 }
 
 /// What another program of the suite asks for, instead of waiting for the timer.
-void handleNotification(const QString& channel, Health& health)
+void handleNotification(const QString& channel, LongJobs& longJobs, Health& health)
 {
     if (channel == "tarn_sync"_L1) {
-        syncSearch();
+        longJobs.request(LongJob::SyncSearch);
     } else if (channel == "tarn_usage"_L1) {
         health.measureAccounts();
     }
 }
 
-/// An interval setting as the timer takes it, which counts milliseconds in an int.
-std::chrono::milliseconds interval(std::chrono::seconds wanted)
+/// An interval setting as a timer takes it, which counts milliseconds in an int.
+milliseconds interval(seconds wanted)
 {
-    constexpr std::chrono::milliseconds longest(std::numeric_limits<int>::max());
-    return std::min(std::chrono::milliseconds(wanted), longest);
+    constexpr milliseconds longest(std::numeric_limits<int>::max());
+    return std::min(milliseconds(wanted), longest);
 }
 
-/// Has @p timer run @p job for as long as the process lives, except while the database cannot be reached.
-template <typename Job>
-void start(QTimer& timer, std::chrono::milliseconds period, Job job)
+/// Has @p timer run @p job for as long as the process lives, except while the database cannot be reached, and
+/// runs it once right now.
+void start(QTimer& timer, milliseconds period, const std::function<void()>& job)
 {
     QObject::connect(&timer, &QTimer::timeout, &timer, [job] {
-        if (tarn::db::ensure(false))
+        if (db::ensure(false))
             job();
     });
     timer.start(period);
+    job();
+}
+
+/// The jobs from the first sample on. Returns the exit status of the process.
+int run(const QSettings& settings)
+{
+    const auto setting = [&settings](const QString& key, int standard) {
+        return settings.value(key, standard).toInt();
+    };
+    const seconds healthInterval(setting(u"collect/interval_seconds"_s, 30));
+    const minutes usageInterval(setting(u"hosting/usage_minutes"_s, 15));
+    QTimer healthTimer;
+    QTimer logTimer;
+    QTimer usageTimer;
+    QTimer maintenanceTimer;
+
+    Health health(settings);
+    start(healthTimer, interval(healthInterval), [&] { health.sample(); });
+
+    // That sample's wait for Apache is long enough for a restart of the server.
+    db::ensure(false);
+    Ingest ingest;
+    if (!ingest.init()) {
+        qCritical("analytics tables are missing; run tarn-admin migrate");
+        return 1;
+    }
+    LongLines longLines;
+    start(logTimer, kLogInterval, [&] { followLogs(ingest, longLines); });
+
+    const analytics::google::Client google = analytics::google::clientFrom(settings);
+    LongJobs longJobs(
+        {
+            {LongJob::RemoveOldHits,   [] { removeOldHits(); }          },
+            {LongJob::SyncSearch,      [&google] { syncSearch(google); }},
+            {LongJob::UpdateCountries, [] { updateCountries(); }        },
+    },
+        [] { return db::ensure(false); });
+    listen();
+    QObject::connect(db::session().driver(), &QSqlDriver::notification, &longJobs,
+                     [&](const QString& channel) { handleNotification(channel, longJobs, health); });
+
+    start(usageTimer, interval(usageInterval), [&] { health.measureAccounts(); });
+
+    DailyMark mark;
+    start(maintenanceTimer, kMaintenanceInterval, [&] {
+        listen();
+        maintain(mark, longJobs);
+    });
+    return QCoreApplication::exec();
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    tarn::installLog();
+    installLog();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"tarn-collect"_s);
     QCoreApplication::setApplicationVersion(u"0.1"_s);
 
     QCommandLineParser parser;
     parser.addHelpOption();
-    tarn::addConfigOption(parser);
+    addConfigOption(parser);
     parser.process(application);
-    const QString configPath = tarn::configPath(parser);
-    if (configPath.isEmpty())
+    const QString path = configPath(parser);
+    if (path.isEmpty())
         return 1;
-    const QSettings settings(configPath, QSettings::IniFormat);
+    const QSettings settings(path, QSettings::IniFormat);
 
-    if (!tarn::db::open(settings, QCoreApplication::applicationName()))
+    if (!db::open(settings, QCoreApplication::applicationName()))
         return 1;
-    if (tarn::db::schemaVersion() != kSchemaVersion) {
+    if (db::schemaVersion() != kSchemaVersion) {
         qCritical("database schema is not at version %d; run tarn-admin migrate", kSchemaVersion);
         return 1;
     }
-
-    using std::chrono::minutes;
-    using std::chrono::seconds;
-    Health health(settings);
-    QTimer healthTimer;
-    start(healthTimer, interval(seconds(settings.value(u"collect/interval_seconds"_s, 30).toInt())),
-          [&health] { health.sample(); });
-    health.sample();
-
-    // That sample's wait for Apache is long enough for a restart of the server.
-    tarn::db::ensure(false);
-
-    Ingest ingest;
-    if (!ingest.init()) {
-        qCritical("analytics tables are missing; run tarn-admin migrate");
-        return 1;
-    }
-    tarn::LongLines longLines;
-    QTimer logTimer;
-    start(logTimer, kLogInterval, [&] { followLogs(ingest, longLines); });
-    followLogs(ingest, longLines);
-
-    g_google = tarn::analytics::google::clientFrom(settings);
-
-    listen();
-    QSqlDriver* driver = tarn::db::session().driver();
-    QObject::connect(driver, &QSqlDriver::notification, driver,
-                     [&health](const QString& channel) { handleNotification(channel, health); });
-
-    QTimer usageTimer;
-    start(usageTimer, interval(minutes(settings.value(u"hosting/usage_minutes"_s, 15).toInt())),
-          [&health] { health.measureAccounts(); });
-    health.measureAccounts();
-
-    QTimer maintenanceTimer;
-    start(maintenanceTimer, kMaintenanceInterval, [] {
-        listen();
-        maintain();
-    });
-    maintain();
-
-    return QCoreApplication::exec();
+    return run(settings);
 }

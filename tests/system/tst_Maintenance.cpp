@@ -2,6 +2,7 @@
 // where the test's time zone puts it.
 
 #include "support/Collector.h"
+#include "support/LocalTime.h"
 #include "support/PostgresServer.h"
 
 #include <QDateTime>
@@ -19,20 +20,6 @@ namespace {
 /// Between two passes, as the collector has it.
 constexpr int kPassMs = 30'000;
 constexpr int kSlackMs = 20'000;
-
-/// A time zone, in the notation of POSIX, in which it is @p wanted now.
-QString zoneWhereItIs(QTime wanted)
-{
-    // The sign is the other way round there: what is to be added to the local time. At most half a day either
-    // way, which every date library takes.
-    int behind = wanted.secsTo(QDateTime::currentDateTimeUtc().time());
-    if (behind > 43'200)
-        behind -= 86'400;
-    if (behind < -43'200)
-        behind += 86'400;
-    const QTime distance = QTime(0, 0).addSecs(std::abs(behind));
-    return u"TST%1%2"_s.arg(behind < 0 ? u"-"_s : u"+"_s, distance.toString(u"hh:mm:ss"_s));
-}
 
 /// A collector with a database of its own.
 struct Host
@@ -94,9 +81,9 @@ private Q_SLOTS:
     void midnight()
     {
         const auto before = newHost();
-        before->collector.environment[u"TZ"_s] = zoneWhereItIs(QTime(23, 59, 45));
+        before->collector.environment[u"TZ"_s] = test::zoneWhereItIs(QTime(23, 59, 45));
         const auto after = newHost();
-        after->collector.environment[u"TZ"_s] = zoneWhereItIs(QTime(0, 0, 10));
+        after->collector.environment[u"TZ"_s] = test::zoneWhereItIs(QTime(0, 0, 10));
         before->collector.start();
         after->collector.start();
 

@@ -1,0 +1,51 @@
+// The jobs that may wait for minutes, or for good: the daily work and whatever asks Google or DB-IP. They run
+// one at a time and from the outer event loop only, so that no job is ever suspended by a longer one that
+// began inside its wait. Samples, log passes, roll-ups and measurements are not among them: they go on inside
+// the waits of these. Owned by main, which needs the application object for it. Main thread only.
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QTimer>
+
+#include <functional>
+
+namespace tarn {
+
+enum class LongJob : quint8 {
+    RemoveOldHits,
+    SyncSearch,
+    UpdateCountries,
+};
+
+class LongJobs : public QObject
+{
+public:
+    struct Entry
+    {
+        LongJob job;
+        std::function<void()> run;
+    };
+
+    /// @p isReady is asked before each start; after a "no" the next look is two seconds later.
+    LongJobs(QList<Entry> table, std::function<bool()> isReady);
+    LongJobs(const LongJobs&) = delete;
+    LongJobs& operator=(const LongJobs&) = delete;
+    ~LongJobs() override = default;
+
+    /// Has @p job run as soon as the outer event loop is free and every job that was asked for before has
+    /// ended. Returns at once and costs nothing while the job waits for its turn; one that runs already runs
+    /// once more after that, however often it is asked for.
+    void request(LongJob job);
+
+private:
+    void startNext();
+
+    const QList<Entry> m_table;
+    const std::function<bool()> m_isReady;
+    QList<LongJob> m_waiting; ///< each at most once, in the order of their requests
+    bool m_isRunning = false;
+    QTimer m_pause; ///< active after a "no" of m_isReady
+};
+
+} // namespace tarn

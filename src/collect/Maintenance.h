@@ -1,0 +1,37 @@
+// The steps of the maintenance pass, and which day has seen its daily work. Uses the product's database
+// session. Main thread only.
+#pragma once
+
+#include <QDate>
+#include <QSet>
+
+namespace tarn {
+
+/// The day of the last daily work. It is in memory only: every start does that work once more.
+class DailyMark
+{
+public:
+    /// True unless @p today has been noted.
+    bool isDue(QDate today) const { return m_last != today; }
+    void note(QDate today) { m_last = today; }
+
+private:
+    QDate m_last;
+};
+
+/// The days that a pass on @p today rolls up: today, and if the daily work is due, yesterday for the hits of
+/// its last minutes.
+QSet<QDate> daysToRollUp(QDate today, bool isDailyDue);
+
+/// Rolls @p days up for every site. False when the session was lost before the last one; the rest is then
+/// left to the next pass.
+bool rollUpSites(const QSet<QDate>& days);
+
+/// Deletes hits past the retention that the suite has set (`raw_hit_days` of tarn.settings); without one they
+/// are kept for ever.
+void removeOldHits();
+
+/// Loads the countries if they are not this month's. Waits for DB-IP, without a time limit.
+void updateCountries();
+
+} // namespace tarn
