@@ -353,7 +353,8 @@ void Ingest::rollup(int siteId, const QSet<QDate>& days)
         query.prepare(u"SELECT tarn.rollup_day(?, ?)"_s);
         query.addBindValue(siteId);
         query.addBindValue(day);
-        db::exec(query);
+        if (!db::exec(query) && !db::session().isOpen())
+            return;
     }
 }
 

@@ -41,7 +41,8 @@ public:
     /// database refuses a batch, nothing of this call is kept. @p host is the site's name.
     Result ingest(int siteId, const QString& host, const QList<QByteArray>& lines);
 
-    /// Has the database recompute a site's figures of the given days.
+    /// Has the database recompute a site's figures of the given days; none after the one with which the
+    /// session is lost.
     static void rollup(int siteId, const QSet<QDate>& days);
 
     /// Eight bytes that stand for a visitor on one site and one day, and cannot be reversed without the

@@ -6,6 +6,7 @@
 
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QVariant>
 
@@ -118,8 +119,12 @@ void Health::check(const QString& kind, const QString& subject, bool bad, const 
 
 void Health::checkHost(const Counters& current, const HostFigures& host)
 {
-    const auto checked = [this](const Condition& condition) {
-        check(condition.kind, condition.subject, condition.bad, condition.text, kSamples);
+    // A server that is away is tried once, not again for each disk and each service.
+    bool isAway = false;
+    const auto checked = [this, &isAway](const Condition& condition) {
+        isAway = isAway || !(db::session().isOpen() || db::ensure(false));
+        if (!isAway)
+            check(condition.kind, condition.subject, condition.bad, condition.text, kSamples);
     };
     checked(memoryCondition(host.memTotalKb, host.memAvailableKb, m_memPct));
     if (current.apache && current.apacheSlots > 0)

@@ -1,5 +1,6 @@
 #include "collect/HealthFixture.h"
 #include "support/FakeHttp.h"
+#include "support/Messages.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -283,6 +284,22 @@ private Q_SLOTS:
     }
 
     /// Timers run while a webhook is waited for, and may come to check as well.
+    void aServerThatIsAwayIsTriedOnceForAllConditions()
+    {
+        m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
+        m_fixture.settings[u"health/load_alert_per_cpu"_s] = 0;
+        m_fixture.settings[u"health/disk_alert_pct"_s] = 0;
+        const auto health = m_fixture.makeHealth();
+        health->sample();
+        health->sample();
+        m_fixture.server.stop();
+        // The sample itself looks once, and once more before its conditions are checked.
+        const QStringList messages = test::messagesOf([&health] { health->sample(); });
+        QVERIFY(m_fixture.server.restart());
+        QCOMPARE(messages.filter(u"database: reconnect failed: "_s).size(), 2);
+        QCOMPARE(messages.filter(u"alert: "_s), QStringList());
+    }
+
     void checkWithinTheWaitOfAnother()
     {
         const auto health = m_fixture.makeHealth();

@@ -1,4 +1,5 @@
-// The lines of the running binary's log: one for each message, whatever the message is made of.
+// The lines of the running binary's log: one for each message, whatever the message is made of, and no more
+// of them than anybody can read.
 
 #include "support/Collector.h"
 #include "support/FakeHosts.h"
@@ -141,6 +142,26 @@ private Q_SLOTS:
         QVERIFY(m_collector->waitForLog(u"sql: ERROR:  not today DETAIL:  more"_s, 2));
         QCOMPARE(m_collector->log().filter(QRegularExpression(u"^(?!sql: ERROR:  not today)"_s)),
                  QStringList());
+    }
+
+    void aLostSessionIsAHandfulOfLines()
+    {
+        run(u"INSERT INTO tarn.sites (id, host) SELECT n, 'site' || n FROM generate_series(1, 10000) n"_s);
+        run(u"CREATE SEQUENCE public.times"_s);
+        run(u"CREATE OR REPLACE FUNCTION tarn.rollup_day(site_id integer, day date) RETURNS void LANGUAGE "
+            "plpgsql AS 'BEGIN IF nextval(''public.times'') = 200 THEN "
+            "PERFORM pg_terminate_backend(pg_backend_pid()); END IF; END'"_s);
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(u"database: reconnected"_s));
+        const QStringList log = m_collector->log();
+        qInfo("%lld lines", qint64(log.size()));
+        QVERIFY2(log.size() <= 8, qPrintable(log.mid(0, 20).join(u'\n')));
+        QCOMPARE(log.filter(QRegularExpression(u"^sql: *$"_s)), QStringList());
+        // The next pass begins again, with yesterday.
+        const auto all = [this] {
+            return test::value(m_database, u"SELECT last_value FROM public.times"_s).toInt() >= 20'200;
+        };
+        QVERIFY(QTest::qWaitFor(all, 90'000));
     }
 };
 
