@@ -1,9 +1,9 @@
 #include "analytics/Classifier.h"
 
+#include "analytics/UrlText.h"
+
 #include <QRegularExpression>
 #include <QStringList>
-#include <QUrl>
-#include <QUrlQuery>
 
 #include <algorithm>
 #include <array>
@@ -249,9 +249,9 @@ QString stripWww(const QString& host)
 }
 
 /// The value of a query item with all of its percent-encoding resolved.
-QString queryValue(const QUrlQuery& query, const QString& key)
+QString queryValue(QByteArrayView query, QByteArrayView key)
 {
-    return query.queryItemValue(key, QUrl::FullyDecoded);
+    return percentDecoded(queryItem(query, key));
 }
 
 /// The source named by the campaign parameters of the page that was asked for; its kind is empty without
@@ -261,11 +261,11 @@ Source campaignOf(QByteArrayView target)
     const qsizetype mark = target.indexOf('?');
     if (mark < 0)
         return {};
-    const QUrlQuery query(QString::fromUtf8(target.sliced(mark + 1)));
-    const QString name = queryValue(query, u"utm_source"_s);
+    const QByteArrayView query = target.sliced(mark + 1);
+    const QString name = queryValue(query, "utm_source");
     if (name.isEmpty())
         return {};
-    return {u"campaign"_s, name.left(100), queryValue(query, u"utm_campaign"_s).left(200)};
+    return {u"campaign"_s, name.left(100), queryValue(query, "utm_campaign").left(200)};
 }
 
 /// Android apps name themselves by their package id: "android-app://com.google.android.gm/".
@@ -293,15 +293,14 @@ bool isInternal(const QString& host, const QString& siteHost)
 }
 
 /// A search engine or another known service; the kind is empty when @p host is none of them.
-Source serviceSource(const QString& host, const QUrl& url)
+Source serviceSource(const QString& host, QByteArrayView query)
 {
     static const QRegularExpression google(u"\\A(?:www\\.)?google\\.[a-z.]+\\z"_s);
     static const QRegularExpression yandex(u"\\A(?:www\\.)?yandex\\.[a-z.]+\\z"_s);
-    const QUrlQuery query(url);
     if (google.match(host).hasMatch())
-        return {u"search"_s, u"Google"_s, queryValue(query, u"q"_s)};
+        return {u"search"_s, u"Google"_s, queryValue(query, "q")};
     if (yandex.match(host).hasMatch())
-        return {u"search"_s, u"Yandex"_s, queryValue(query, u"text"_s)};
+        return {u"search"_s, u"Yandex"_s, queryValue(query, "text")};
 
     const QByteArray hostBytes = host.toUtf8();
     for (const Known& known : kKnown) {
@@ -310,7 +309,7 @@ Source serviceSource(const QString& host, const QUrl& url)
             continue;
         QString terms;
         if (!known.queryParam.empty())
-            terms = queryValue(query, text(known.queryParam)).left(200);
+            terms = queryValue(query, QByteArrayView(known.queryParam)).left(200);
         return {text(known.kind), text(known.name), terms};
     }
     return {};
@@ -331,15 +330,15 @@ Source classifySource(QByteArrayView referrer, QByteArrayView target, const QStr
     if (referrer.isEmpty())
         return {u"direct"_s, {}, {}};
 
-    const QUrl url(QString::fromUtf8(referrer), QUrl::TolerantMode);
-    if (url.scheme() == "android-app"_L1)
-        return androidAppSource(url.host());
-    const QString referringHost = url.host(QUrl::FullyDecoded).toLower();
+    const UrlParts url = splitUrl(referrer);
+    const QString referringHost = hostName(url.host);
+    if (url.scheme.compare("android-app", Qt::CaseInsensitive) == 0)
+        return androidAppSource(referringHost);
     if (referringHost.isEmpty())
         return {u"direct"_s, {}, {}};
     if (isInternal(referringHost, host))
         return {u"internal"_s, {}, {}};
-    if (Source service = serviceSource(referringHost, url); !service.kind.isEmpty())
+    if (Source service = serviceSource(referringHost, url.query); !service.kind.isEmpty())
         return service;
     return {u"referral"_s, stripWww(referringHost), {}};
 }

@@ -18,8 +18,17 @@ constexpr int kMaxOffsetSeconds = 16 * 3600;
 /// Length of "dd/Mon/yyyy:HH:mm:ss +zzzz".
 constexpr qsizetype kTimeLength = 26;
 
+/// As many as are skipped at a time where there are more than one: a line can be made of them.
+constexpr QByteArrayView kSpaces = "                ";
+
 void skipSpaces(QByteArrayView line, qsizetype& pos)
 {
+    if (pos < line.size() && line[pos] == ' ')
+        ++pos;
+    if (pos >= line.size() || line[pos] != ' ')
+        return;
+    while (line.sliced(pos).startsWith(kSpaces))
+        pos += kSpaces.size();
     while (pos < line.size() && line[pos] == ' ')
         ++pos;
 }
@@ -100,9 +109,11 @@ QByteArray word(const QByteArray& text, qsizetype pos)
 /// The last of the fields from @p pos on as a response time, 0 when it is not all digits.
 qint64 responseTime(QByteArrayView line, qsizetype pos)
 {
-    QByteArrayView last;
-    for (QByteArrayView next = token(line, pos); !next.isEmpty(); next = token(line, pos))
-        last = next;
+    // From the end, since there can be thousands of fields before the last.
+    QByteArrayView rest = line.sliced(pos);
+    while (rest.endsWith(' '))
+        rest.chop(1);
+    const QByteArrayView last = rest.sliced(rest.lastIndexOf(' ') + 1);
     const bool digits =
         !last.isEmpty() && std::all_of(last.begin(), last.end(), [](char c) { return c >= '0' && c <= '9'; });
     if (!digits)

@@ -9,7 +9,6 @@
 #include <QString>
 #include <QStringList>
 #include <QUrl>
-#include <QUrlQuery>
 
 namespace tarn::analytics::reference {
 
@@ -258,40 +257,104 @@ inline Source appSource(const QString& package)
     return {u"referral"_s, package, {}};
 }
 
+/// The text in front of the first @p mark, and what is behind it.
+inline QList<QByteArray> cutAt(const QByteArray& text, char mark)
+{
+    const qsizetype at = text.indexOf(mark);
+    return at < 0 ? QList<QByteArray>{text, {}} : QList<QByteArray>{text.left(at), text.mid(at + 1)};
+}
+
+/// Each percent sign with two hexadecimal digits is a byte.
+inline QByteArray unescaped(const QByteArray& text)
+{
+    const auto isHex = [](const QByteArray& digits) {
+        return digits.size() == 2 && QByteArray::fromHex(digits).toHex() == digits.toLower();
+    };
+    QByteArray result;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QByteArray digits = text.mid(i + 1, 2);
+        if (text[i] == '%' && isHex(digits)) {
+            result += QByteArray::fromHex(digits);
+            i += 2;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+inline QString queryValue(const QByteArray& query, const QByteArray& name)
+{
+    for (const QByteArray& item : query.split('&')) {
+        const QList<QByteArray> sides = cutAt(item, '=');
+        if (unescaped(sides[0]) == name)
+            return QString::fromUtf8(unescaped(sides[1]));
+    }
+    return {};
+}
+
+/// Whether the text between "//" and the next "/" is one that no name can be: a label of more than 63
+/// characters, or more than eight marks in a row.
+inline bool hasNoName(const QByteArray& url)
+{
+    QByteArray host = cutAt(cutAt(url.mid(url.indexOf("//") + 2), '?')[0], '#')[0];
+    host = cutAt(host, '/')[0];
+    host = host.mid(host.indexOf('@') + 1);
+    int inLabel = 0;
+    int marks = 0;
+    for (const uint c : QString::fromUtf8(unescaped(host.left(host.lastIndexOf(':')))).toUcs4()) {
+        inLabel = c == '.' || c == 0x3002 || c == 0xff0e || c == 0xff61 ? 0 : inLabel + 1;
+        marks = QChar::combiningClass(c) != 0 ? marks + 1 : 0;
+        if (inLabel > 63 || marks > 8)
+            return true;
+    }
+    return false;
+}
+
+/// The name of the host of @p url, as @p sent, in Unicode and lower case.
+inline QString hostOf(const QByteArray& sent, const QUrl& url)
+{
+    if (hasNoName(sent))
+        return {};
+    const QString host = url.host(QUrl::FullyDecoded);
+    const QString name = QUrl::fromAce(QUrl::toAce(host), QUrl::IgnoreIDNWhitelist);
+    const QString shown = name.isEmpty() || host.contains(u':') ? host : name;
+    QString ascii = QString::fromLatin1(QUrl::toAce(shown));
+    if (ascii.isEmpty())
+        ascii = shown;
+    return ascii.size() - (ascii.endsWith(u'.') ? 1 : 0) > 253 ? QString() : shown.toLower();
+}
+
 inline Source classifySource(const QByteArray& referrer, const QByteArray& target, const QString& site)
 {
-    const auto value = [](const QUrlQuery& query, const QString& key) {
-        return query.queryItemValue(key, QUrl::FullyDecoded);
-    };
-    if (target.contains('?')) {
-        const QUrlQuery query(QString::fromUtf8(target.mid(target.indexOf('?') + 1)));
-        if (!value(query, u"utm_source"_s).isEmpty()) {
-            return {u"campaign"_s, value(query, u"utm_source"_s).mid(0, 100),
-                    value(query, u"utm_campaign"_s).mid(0, 200)};
-        }
+    const QByteArray asked = cutAt(target, '?')[1];
+    if (!queryValue(asked, "utm_source").isEmpty()) {
+        return {u"campaign"_s, queryValue(asked, "utm_source").mid(0, 100),
+                queryValue(asked, "utm_campaign").mid(0, 200)};
     }
     if (referrer.isEmpty())
         return {u"direct"_s, {}, {}};
     const QUrl url(QString::fromUtf8(referrer), QUrl::TolerantMode);
     if (url.scheme() == "android-app"_L1)
-        return appSource(url.host());
-    const QString host = url.host(QUrl::FullyDecoded).toLower();
+        return appSource(hostOf(referrer, url));
+    const QString host = hostOf(referrer, url);
     if (host.isEmpty())
         return {u"direct"_s, {}, {}};
+    const QByteArray query = cutAt(cutAt(referrer, '#')[0], '?')[1];
     const QString own = withoutWww(site);
     const QString other = withoutWww(host);
     if (other == own || other.right(own.size() + 1) == u'.' + own || other.left(own.size() + 1) == own + u'.')
         return {u"internal"_s, {}, {}};
     if (isCountryDomain(host, u"google"_s))
-        return {u"search"_s, u"Google"_s, value(QUrlQuery(url), u"q"_s)};
+        return {u"search"_s, u"Google"_s, queryValue(query, "q")};
     if (isCountryDomain(host, u"yandex"_s))
-        return {u"search"_s, u"Yandex"_s, value(QUrlQuery(url), u"text"_s)};
+        return {u"search"_s, u"Yandex"_s, queryValue(query, "text")};
     for (const Service& service : services()) {
         if (!isWithin(host, service.domain))
             continue;
         if (service.termsKey.isEmpty())
             return {service.kind, service.name, {}};
-        return {service.kind, service.name, value(QUrlQuery(url), service.termsKey).mid(0, 200)};
+        return {service.kind, service.name, queryValue(query, service.termsKey.toLatin1()).mid(0, 200)};
     }
     return {u"referral"_s, other, {}};
 }

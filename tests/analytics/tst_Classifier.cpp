@@ -3,6 +3,8 @@
 #include "analytics/ClassifierReference.h"
 #include "analytics/Dice.h"
 #include "analytics/VerdictFiles.h"
+#include "support/CpuTime.h"
+#include "support/HostileTexts.h"
 
 #include <QRegularExpression>
 #include <QSet>
@@ -263,6 +265,8 @@ private Q_SLOTS:
     void randomPathsAgreeWithTheReference();
 
     void textsOfAMegabyte();
+    void hostileTextsCostLittleMoreThanPlainOnes_data();
+    void hostileTextsCostLittleMoreThanPlainOnes();
 };
 
 void tst_Classifier::client_data()
@@ -604,9 +608,9 @@ void tst_Classifier::textsOfAMegabyte()
              u"Googlebot | desktop | Other | Other"_s);
     QCOMPARE(classifySource("http://example.com/" + QByteArray(kMegabyte, 'a'), "/", u"example.org"_s).name,
              u"example.com"_s);
-    QCOMPARE(classifySource("http://" + QByteArray("a.").repeated(kMegabyte / 2), "/", u"example.org"_s)
-                 .name.size(),
-             kMegabyte);
+    // No name is so long.
+    QCOMPARE(classifySource("http://" + QByteArray("a.").repeated(kMegabyte / 2), "/", u"example.org"_s).kind,
+             u"direct"_s);
     QCOMPARE(classifySource("http://www.google.com/?" + QByteArray("a&").repeated(kMegabyte / 2) + "q=x", "/",
                             u"example.org"_s)
                  .searchTerms,
@@ -614,6 +618,50 @@ void tst_Classifier::textsOfAMegabyte()
     QCOMPARE(classifySource({}, "/?" + QByteArray("%41").repeated(kMegabyte / 3), u"example.org"_s).kind,
              u"direct"_s);
     QVERIFY(!isPage("GET", QString(kMegabyte, u'.')));
+}
+
+void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes_data()
+{
+    QTest::addColumn<QByteArray>("unit");
+    for (const tarn::tests::Shape& shape : tarn::tests::hostileShapes())
+        QTest::newRow(shape.name) << shape.unit;
+}
+
+/// By the ratio within one run; what is held here took 100 to 100,000 times as long.
+void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes()
+{
+    constexpr qsizetype kBytes = 65'536;
+    constexpr double kMostTimes = 10;
+    QFETCH(QByteArray, unit);
+    const auto costOf = [](const QByteArray& text, QByteArrayView before, QByteArrayView field) {
+        const QByteArray sent = before.toByteArray() + text;
+        return tarn::tests::leastSeconds(5, [&] {
+            if (field == "agent")
+                classifyClient(sent);
+            else if (field == "referrer")
+                classifySource(sent, "/", u"example.org"_s);
+            else
+                classifySource({}, sent, u"example.org"_s);
+        });
+    };
+    for (const auto& [before, field] : QList<QPair<QByteArray, QByteArray>>{
+             {"http://",                 "referrer"},
+             {"http://a",                "referrer"},
+             {"android-app://",          "referrer"},
+             {"http://www.google.com/?", "referrer"},
+             {"/?",                      "target"  },
+             {"/?utm_source=",           "target"  },
+             {"",                        "agent"   }
+    }) {
+        const double plain = costOf(QByteArray(kBytes, 'x'), before, field);
+        const double hostile = costOf(tarn::tests::textOf(unit, kBytes), before, field);
+        // A host that is none is told by its length at once, in which no ratio can be measured.
+        constexpr double kNothing = 100e-6;
+        QVERIFY2(hostile < std::max(kMostTimes * plain, kNothing),
+                 qPrintable(u"%1: %2 us, plain %3 us"_s.arg(QString::fromLatin1(before))
+                                .arg(hostile * 1e6)
+                                .arg(plain * 1e6)));
+    }
 }
 
 QTEST_APPLESS_MAIN(tst_Classifier)

@@ -2,6 +2,8 @@
 
 #include "analytics/Dice.h"
 #include "analytics/LogParserReference.h"
+#include "support/CpuTime.h"
+#include "support/HostileTexts.h"
 
 #include <QRegularExpression>
 #include <QTest>
@@ -320,6 +322,8 @@ private Q_SLOTS:
     void fieldsOfAMegabyte();
     void writtenLinesReadBackEqual();
     void damagedLinesAgreeWithTheReference();
+    void furtherFieldsCostLittleMoreThanOne_data();
+    void furtherFieldsCostLittleMoreThanOne();
 };
 
 void tst_LogParser::everyFieldOfASampleLine()
@@ -815,6 +819,28 @@ void tst_LogParser::damagedLinesAgreeWithTheReference()
     // Lines that are all good or all spoilt would show little.
     QVERIFY2(accepted > kMutations / 4 && accepted < kMutations * 3 / 4,
              qPrintable(QString::number(accepted)));
+}
+
+void tst_LogParser::furtherFieldsCostLittleMoreThanOne_data()
+{
+    QTest::addColumn<QByteArray>("unit");
+    for (const tarn::tests::Shape& shape : tarn::tests::hostileShapes())
+        QTest::newRow(shape.name) << shape.unit;
+}
+
+/// By the ratio within one run; thousands of fields of one letter took 100 times as long as one of that
+/// length.
+void tst_LogParser::furtherFieldsCostLittleMoreThanOne()
+{
+    constexpr qsizetype kBytes = 65'536;
+    QFETCH(QByteArray, unit);
+    const auto costOf = [](const QByteArray& fields) {
+        const QByteArray line = Written{.extra = fields}.line();
+        return tarn::tests::leastSeconds(5, [&line] { parse(line); });
+    };
+    const double plain = costOf(QByteArray(kBytes, 'x'));
+    const double hostile = costOf(tarn::tests::textOf(unit, kBytes));
+    QVERIFY2(hostile < 10 * plain, qPrintable(u"%1 us, %2 us"_s.arg(hostile * 1e6).arg(plain * 1e6)));
 }
 
 QTEST_APPLESS_MAIN(tst_LogParser)

@@ -1,0 +1,64 @@
+// Texts of a given length that have cost parsers more than their length: marks to sort, labels to encode,
+// items to split, escapes to resolve. For the tests and for the bench of time against size.
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+
+namespace tarn::tests {
+
+struct Shape
+{
+    const char* name;
+    QByteArray unit; ///< repeated
+};
+
+/// What can stand anywhere in a line.
+inline const QList<Shape>& hostileShapes()
+{
+    static const QList<Shape> shapes = {
+        {"marks",            "\xcc\x81\xcc\xa3" },
+        {"marks-escaped",    "%CC%81%CC%A3"     },
+        {"letter-and-marks", "a\xcc\x81\xcc\xa3"},
+        {"labels-u",         "\xc3\xbc."        },
+        {"umlauts",          "\xc3\xbc"         },
+        {"expanding",        "\xef\xb7\xba"     },
+        {"xn",               "xn--mller-kva."   },
+        {"xn-run",           "xn--99zzz99zzz."  },
+        {"dots",             "."                },
+        {"labels-a",         "a."               },
+        {"items",            "a&"               },
+        {"items-empty",      "&"                },
+        {"items-escaped",    "%75tm_sourc&"     },
+        {"items-nearly",     "utm_sourcf=1&"    },
+        {"escapes",          "%41"              },
+        {"escapes-invalid",  "%FF"              },
+        {"percent-signs",    "%"                },
+        {"digits",           "7"                },
+        {"zeros",            "0"                },
+        {"bytes-ff",         "\xff"             },
+        {"bytes-c3",         "\xc3"             },
+        {"four-bytes",       "\xf0\x9f\x91\x9f" },
+        {"spaces",           " "                },
+        {"words",            "a "               },
+        {"backslashes",      "\\a"              },
+        {"slashes",          "/"                },
+        {"at-signs",         "@"                },
+        {"colons",           ":"                },
+        {"brackets",         "["                },
+        {"nuls",             QByteArray(1,        '\0')},
+        {"bots-nearly",                  "botx"                        },
+        {"tokens-nearly",                  "googlebo"},
+        {"words-nearly",                  "crawscannespidepreviefetchescrap"                         },
+        {"capitals",                  "\xc4\xb0"  },
+    };
+    return shapes;
+}
+
+/// @p size bytes of @p unit, again and again.
+inline QByteArray textOf(const QByteArray& unit, qsizetype size)
+{
+    return unit.repeated(size / unit.size() + 1).left(size);
+}
+
+} // namespace tarn::tests
