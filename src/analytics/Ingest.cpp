@@ -2,6 +2,7 @@
 
 #include "analytics/Classifier.h"
 #include "analytics/LogParser.h"
+#include "analytics/UrlText.h"
 #include "common/Db.h"
 
 #include <QCryptographicHash>
@@ -9,8 +10,6 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
-#include <QUrl>
-#include <QUrlQuery>
 #include <QVariant>
 
 #include <arpa/inet.h>
@@ -94,9 +93,8 @@ struct Beacon
 /// What the tracking snippet reports in @p query ("p=%2Fabout&t=12.5"); nothing when it makes no sense.
 std::optional<Beacon> parseBeacon(QByteArrayView query)
 {
-    const QUrlQuery items(QString::fromUtf8(query));
-    const QString path = withoutNuls(items.queryItemValue(u"p"_s, QUrl::FullyDecoded).left(kMaxPathLength));
-    const double seconds = items.queryItemValue(u"t"_s).toDouble();
+    const QString path = withoutNuls(percentDecoded(queryItem(query, "p")).left(kMaxPathLength));
+    const double seconds = queryNumber(query, "t");
     // Not a number passes: the roll-up leaves it out of its sums, and the row still tells that the page was
     // open.
     if (path.isEmpty() || 0 >= seconds || seconds > kMaxEngagedSeconds)
@@ -283,7 +281,7 @@ std::optional<Ingest::Row> Ingest::rowFor(int siteId, const QString& host, const
         log->method = "BEACON";
         log->status = 204;
     } else {
-        row.path = withoutNuls(QUrl::fromPercentEncoding(rawPath));
+        row.path = withoutNuls(percentDecoded(rawPath));
         row.page = isPage(log->method, row.path);
     }
     result.days.insert(log->at.toLocalTime().date());

@@ -1,5 +1,6 @@
 #include "analytics/SearchImport.h"
 
+#include "analytics/UrlText.h"
 #include "common/Db.h"
 
 #include <QJsonArray>
@@ -8,7 +9,6 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
-#include <QUrl>
 
 #include <algorithm>
 #include <list>
@@ -44,7 +44,7 @@ QString keyOf(const QJsonObject& row, int index)
 /// What is left of a page's URL: one page is the same under each scheme, host name and query string.
 QString pathOf(const QString& page)
 {
-    return db::storable(QUrl(page, QUrl::TolerantMode).path(QUrl::FullyDecoded));
+    return db::storable(percentDecoded(splitUrl(page.toUtf8()).path));
 }
 
 void bindFigures(QSqlQuery& query, const QJsonObject& row)

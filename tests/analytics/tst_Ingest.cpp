@@ -228,6 +228,18 @@ private Q_SLOTS:
         QTest::newRow("infinite") << QByteArray("?p=/about&t=inf") << QString();
         QTest::newRow("not-a-number") << QByteArray("?p=/about&t=nan") << u"nan"_s;
         QTest::newRow("no-time") << QByteArray("?p=/about") << QString();
+        QTest::newRow("longest-number-read-by-qt") << "?p=/about&t=+12.5" + QByteArray(59, '0') << u"12.5"_s;
+        QTest::newRow("longest-number-read-by-qt-plus-one")
+            << "?p=/about&t=+12.5" + QByteArray(60, '0') << u"12.5"_s;
+        QTest::newRow("thousands-of-digits")
+            << "?p=/about&t=" + QByteArray(8000, '0') + "12.5" + QByteArray(8000, '0') << u"12.5"_s;
+        QTest::newRow("thousands-of-digits-and-an-exponent")
+            << "?p=/about&t=125" + QByteArray(8000, '0') + "e-8001" << u"12.5"_s;
+        QTest::newRow("thousands-of-digits-that-mean-too-much")
+            << "?p=/about&t=" + QByteArray(8000, '7') << QString();
+        QTest::newRow("thousands-of-digits-and-a-letter")
+            << "?p=/about&t=12." + QByteArray(8000, '5') + 'x' << QString();
+        QTest::newRow("long-not-a-number") << "?p=/about&t=nan(" + QByteArray(100, '5') + ')' << QString();
         QTest::newRow("text-for-time") << QByteArray("?p=/about&t=long") << QString();
         QTest::newRow("no-page") << QByteArray("?t=5") << QString();
         QTest::newRow("empty-page") << QByteArray("?p=&t=5") << QString();
@@ -248,6 +260,34 @@ private Q_SLOTS:
             QCOMPARE(onlyHit(u"method, path, status, is_page, engaged_secs"_s),
                      QStringList({u"BEACON"_s, u"/about"_s, u"204"_s, u"false"_s, seconds}));
         }
+    }
+
+    void strayPercentSignsStay_data()
+    {
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("columns");
+        QTest::addColumn<QStringList>("stored");
+        QTest::newRow("path") << Line{.request = "GET /50%-off%20shoes HTTP/1.1"}.text() << u"path"_s
+                              << QStringList{u"/50%-off shoes"_s};
+        QTest::newRow("end-of-a-path")
+            << Line{.request = "GET /100% HTTP/1.1"}.text() << u"path"_s << QStringList{u"/100%"_s};
+        QTest::newRow("one-digit") << Line{.request = "GET /%4/%zz HTTP/1.1"}.text() << u"path"_s
+                                   << QStringList{u"/%4/%zz"_s};
+        QTest::newRow("search-terms")
+            << Line{.referrer = "https://www.google.com/search?q=100%+red%20shoes"}.text()
+            << u"search_terms"_s << QStringList{u"100%+red shoes"_s};
+        QTest::newRow("campaign")
+            << Line{.request = "GET /?utm_source=50%-off%20now&utm_campaign=%20% HTTP/1.1"}.text()
+            << u"source, search_terms"_s << QStringList{u"50%-off now"_s, u" %"_s};
+        QTest::newRow("beacon") << ::beacon("?p=/50%-off%20shoes&t=5") << u"path"_s
+                                << QStringList{u"/50%-off shoes"_s};
+    }
+    void strayPercentSignsStay()
+    {
+        QFETCH(const QByteArray, line);
+        QFETCH(const QString, columns);
+        ingest({line});
+        QTEST(onlyHit(columns), "stored");
     }
 
     void beaconsPageIsCut()

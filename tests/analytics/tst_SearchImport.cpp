@@ -257,6 +257,8 @@ private Q_SLOTS:
         QTest::newRow("encoded-slash-and-question-mark")
             << QByteArray("https://example.org/a%2Fb%3Fc") << u"/a/b?c"_s;
         QTest::newRow("encoded-percent") << QByteArray("https://example.org/100%25") << u"/100%"_s;
+        QTest::newRow("stray-percent")
+            << QByteArray("https://example.org/50%-off%20shoes") << u"/50%-off shoes"_s;
         QTest::newRow("encoded-nul") << QByteArray("https://example.org/a%00b") << u"/ab"_s;
         QTest::newRow("plus-stays") << QByteArray("https://example.org/a+b") << u"/a+b"_s;
         QTest::newRow("bare-non-ascii") << QByteArray("https://example.org/sch\xc3\xb6n") << u"/sch\u00f6n"_s;
