@@ -1,6 +1,7 @@
 #include "analytics/Google.h"
 
 #include "analytics/SearchImport.h"
+#include "analytics/UrlText.h"
 #include "common/Db.h"
 
 #include <QEventLoop>
@@ -179,7 +180,7 @@ QString withoutWww(const QString& host)
 QString hostOf(const QString& property)
 {
     const QString host = property.startsWith(kDomainPrefix) ? property.sliced(kDomainPrefix.size())
-                                                            : QUrl(property, QUrl::TolerantMode).host();
+                                                            : hostName(splitUrl(property.toUtf8()).host);
     return withoutWww(host.toLower());
 }
 
@@ -199,6 +200,16 @@ QHash<QString, QString> bestProperties(const QJsonArray& entries)
     return best;
 }
 
+/// The property of @p best for a site. The name of a domain property may be written in ASCII ("xn--...")
+/// where the site's is in Unicode.
+QString propertyFor(const QHash<QString, QString>& best, const QString& siteHost)
+{
+    const QString name = withoutWww(siteHost);
+    const QString property = best.value(name);
+    const QString ascii = asciiName(name);
+    return property.isEmpty() && !ascii.isEmpty() ? best.value(ascii) : property;
+}
+
 /// Notes for each site the property of the account that it matches. Sites that match none keep what they
 /// have. Empty on success, else why the properties could not be listed.
 QString mapProperties(const QString& accessToken)
@@ -210,7 +221,7 @@ QString mapProperties(const QString& accessToken)
     const QHash<QString, QString> best = bestProperties(reply.json.value(u"siteEntry"_s).toArray());
     QSqlQuery sites = run(u"SELECT id, host FROM tarn.sites"_s);
     while (sites.next()) {
-        const QString property = best.value(withoutWww(sites.value(1).toString()));
+        const QString property = propertyFor(best, sites.value(1).toString());
         if (property.isEmpty())
             continue;
         QSqlQuery query;

@@ -714,6 +714,20 @@ private Q_SLOTS:
             << entry("https://www.xn--bcher-kva.example.org/")
             << QStringList{u"bücher.example.org"_s, u"xn--bcher-kva.example.org"_s}
             << u"bücher.example.org google https://www.xn--bcher-kva.example.org/"_s;
+        QTest::newRow("host-in-unicode-under-any-top-level")
+            << entry("https://xn--bcher-kva.eu/") + ',' + entry("https://www.xn--bcher-kva.app/")
+            << QStringList{u"bücher.eu"_s, u"bücher.app"_s}
+            << u"bücher.app google https://www.xn--bcher-kva.app/|bücher.eu google https://xn--bcher-kva.eu/"_s;
+        QTest::newRow("domain-property-in-ascii")
+            << entry("sc-domain:xn--bcher-kva.eu") << QStringList{u"www.bücher.eu"_s, u"xn--bcher-kva.eu"_s}
+            << u"www.bücher.eu google sc-domain:xn--bcher-kva.eu|xn--bcher-kva.eu google "
+               "sc-domain:xn--bcher-kva.eu"_s;
+        QTest::newRow("domain-property-in-unicode")
+            << entry("sc-domain:bücher.eu") << QStringList{u"bücher.eu"_s}
+            << u"bücher.eu google sc-domain:bücher.eu"_s;
+        QTest::newRow("host-longer-than-a-name")
+            << entry("https://" + QByteArray("a.").repeated(200) + "example/")
+            << QStringList{QString::fromLatin1(QByteArray("a.").repeated(200) + "example")} << u""_s;
         QTest::newRow("nul-in-a-property")
             << entry("https://d.example/\\u0000a/") << QStringList{u"d.example"_s}
             << u"d.example google https://d.example/a/"_s;
