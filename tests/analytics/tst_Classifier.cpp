@@ -265,6 +265,7 @@ private Q_SLOTS:
     void randomPathsAgreeWithTheReference();
 
     void textsOfAMegabyte();
+    void lettersThatBecomeTwoCostTheirLength();
     void hostileTextsCostLittleMoreThanPlainOnes_data();
     void hostileTextsCostLittleMoreThanPlainOnes();
 };
@@ -618,6 +619,22 @@ void tst_Classifier::textsOfAMegabyte()
     QCOMPARE(classifySource({}, "/?" + QByteArray("%41").repeated(kMegabyte / 3), u"example.org"_s).kind,
              u"direct"_s);
     QVERIFY(!isPage("GET", QString(kMegabyte, u'.')));
+}
+
+/// By how the cost grows from one length to four times that: 4 is in proportion, 16 is quadratic.
+void tst_Classifier::lettersThatBecomeTwoCostTheirLength()
+{
+    constexpr qsizetype kBytes = 65'536;
+    const auto costOf = [](qsizetype bytes) {
+        const QByteArray agent = tarn::tests::textOf("\xc4\xb0", bytes);
+        return tarn::tests::leastSeconds(5, [&agent] { classifyClient(agent); });
+    };
+    const double growth = costOf(4 * kBytes) / costOf(kBytes);
+    QVERIFY2(growth < 8, qPrintable(QString::number(growth)));
+    QCOMPARE(shown(classifyClient("B\xc4\xb0ngbot")), u"Other crawler | desktop | Other | Other"_s);
+    QCOMPARE(shown(classifyClient("Slac\xe2\x84\xaa"
+                                  "bot")),
+             u"Slackbot | desktop | Other | Other"_s);
 }
 
 void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes_data()
