@@ -38,10 +38,26 @@ qint64 product(qint64 count, qint64 size)
     return count > kLargest / size ? kLargest : count * size;
 }
 
-/// The pieces of a line between any white space.
+/// The first pieces of a line between any white space, as many as a parser looks at.
 QList<QByteArray> pieces(const QByteArray& line)
 {
-    return line.simplified().split(' ');
+    constexpr qsizetype kMostPieces = 10;
+    const auto isSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+    QList<QByteArray> result;
+    auto start = std::find_if_not(line.begin(), line.end(), isSpace);
+    while (start != line.end() && result.size() < kMostPieces) {
+        const auto end = std::find_if(start, line.end(), isSpace);
+        result.append(QByteArray(start, end - start));
+        start = std::find_if_not(end, line.end(), isSpace);
+    }
+    return result;
+}
+
+/// What is in front of the first blank.
+QByteArray firstWord(const QByteArray& text)
+{
+    const qsizetype blank = text.indexOf(' ');
+    return blank < 0 ? text : text.first(blank);
 }
 
 /// What a line says of a name, and the name.
@@ -133,8 +149,10 @@ Traffic parseDiskStats(const QByteArray& text)
 
 LoadAverage parseLoadAverage(const QByteArray& text)
 {
-    const QList<QByteArray> columns = text.split(' ');
-    return {load(columns.value(0)), load(columns.value(1)), load(columns.value(2))};
+    const QByteArray one = firstWord(text);
+    const QByteArray five = firstWord(text.mid(one.size() + 1));
+    const QByteArray fifteen = firstWord(text.mid(one.size() + five.size() + 2));
+    return {load(one), load(five), load(fifteen)};
 }
 
 qint64 meminfo(const QByteArray& text, const QByteArray& key)
@@ -143,7 +161,7 @@ qint64 meminfo(const QByteArray& text, const QByteArray& key)
     const QList<QByteArray> lines = text.split('\n');
     for (const QByteArray& line : lines) {
         if (line.startsWith(start))
-            return counter(line.sliced(start.size()).trimmed().split(' ').constFirst());
+            return counter(firstWord(line.sliced(start.size()).trimmed()));
     }
     return 0;
 }
