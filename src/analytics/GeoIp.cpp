@@ -2,20 +2,15 @@
 
 #include "common/Db.h"
 #include "common/Gzip.h"
+#include "common/Http.h"
 
 #include <QByteArray>
-#include <QEventLoop>
 #include <QList>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
 #include <QUrl>
-
-#include <memory>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -27,6 +22,10 @@ namespace {
 constexpr qsizetype kMinLines = 1'000;
 constexpr qsizetype kRowsPerInsert = 1'000;
 
+/// The file has 5 MB. It may be silent for as long as it likes, but a download that never ends must not keep
+/// the other long jobs waiting for good.
+constexpr http::Limits kLimits{.totalMs = 6 * 3'600 * 1'000, .bodyBytes = 268'435'456};
+
 const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv.gz"_s;
 
 const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
@@ -35,37 +34,6 @@ const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
 QString monthOf(QDate day)
 {
     return day.toString(u"yyyy-MM"_s);
-}
-
-/// Body of the answer to a request, or why there is none.
-struct Download
-{
-    QByteArray body;
-    QString error; ///< empty on success
-};
-
-Download download(const QUrl& address)
-{
-    QNetworkRequest request(address);
-    // Where a redirect leads to is not what was asked for, be it only a page that says so.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    // The file as it is stored: of one that a server sends as compressed text, Qt would undo the compression.
-    request.setRawHeader("Accept-Encoding", "identity");
-
-    QNetworkAccessManager manager;
-    const std::unique_ptr<QNetworkReply> reply(manager.get(request));
-    QEventLoop loop;
-    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    loop.exec();
-
-    if (!reply->isFinished()) // the process is told to end
-        return {{}, u"interrupted"_s};
-    if (reply->error() != QNetworkReply::NoError)
-        return {{}, reply->errorString()};
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 300)
-        return {{}, u"the server answered with a redirect (HTTP status %1)"_s.arg(status)};
-    return {reply->readAll(), {}};
 }
 
 /// Takes the first line off @p rest, and returns it without its line feed.
@@ -206,9 +174,10 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
     } else {
         const QUrl address(kAddress.arg(month));
         qInfo("collect: loading countries from %s", qPrintable(address.toString()));
-        const Download answer = download(address);
-        if (!answer.error.isEmpty())
-            return u"download failed: "_s + answer.error;
+        const http::Answer answer = http::exchange({.url = address}, kLimits);
+        const QString problem = http::problem(answer);
+        if (!problem.isEmpty())
+            return u"download failed: "_s + problem;
         data = gunzip(answer.body, &intact);
     }
     // The first half of a file would pass for a whole one.

@@ -19,7 +19,7 @@ bool geoIpIsStale(QDate today);
 /// Replaces the table with the ranges of this month's file, downloaded from DB-IP, or of @p file when one is
 /// named: a copy of such a file, compressed (".gz") or not. Returns one line for the log and sets @p ok to
 /// whether the new table is in place; when it is not, the old one is, with its month. Downloading runs a
-/// local event loop, without a transaction and without a time limit. While the ranges are being stored, other
+/// local event loop, without a transaction, for six hours at most. While the ranges are being stored, other
 /// sessions that read the table wait; a prepared statement that has waited finds it empty, once.
 QString updateGeoIp(const QString& file, bool* ok);
 /// The same with the file of the month of @p today.

@@ -3,16 +3,13 @@
 #include "analytics/SearchImport.h"
 #include "analytics/UrlText.h"
 #include "common/Db.h"
+#include "common/Http.h"
 
-#include <QEventLoop>
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QList>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QPair>
 #include <QSettings>
 #include <QSqlQuery>
@@ -21,7 +18,6 @@
 #include <QVariant>
 
 #include <malloc.h>
-#include <memory>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -29,12 +25,9 @@ namespace tarn::analytics::google {
 
 namespace {
 
-/// A transfer that does not move for so long is given up.
-constexpr int kTimeoutMs = 60'000;
-
-/// A body that unpacks to less is taken, however well it was packed: rows that differ in little, as those of
-/// one page's queries do, look to the network library like an attack.
-constexpr qint64 kUnpackedBytes = 67'108'864;
+/// Bytes are decompressed ones: 25,000 rows, the most that come at once, have 10,000 bytes each. The total
+/// time keeps an answer that comes in drops from holding up the other long jobs for good.
+constexpr http::Limits kLimits{.silenceMs = 60'000, .totalMs = 3'600 * 1'000, .bodyBytes = 268'435'456};
 
 /// Rows to a page, the most that Google gives; a page with fewer is the last.
 constexpr int kPageRows = 25'000;
@@ -87,7 +80,7 @@ QSqlQuery run(const QString& statement, const QStringList& values = {})
 }
 
 /// What a failed request is to be called: Google's own words, in the form of its APIs or in that of OAuth,
-/// else the network library's.
+/// else what the exchange says.
 QString reasonOf(const QJsonObject& json, const QString& fallback)
 {
     const QJsonValue error = json.value(u"error"_s);
@@ -97,43 +90,22 @@ QString reasonOf(const QJsonObject& json, const QString& fallback)
 }
 
 /// One request and its answer, a redirect not being one: where it leads, what it carries has no business.
-Reply call(const QByteArray& verb, const QUrl& url, const QByteArray& body, const QByteArray& contentType,
+Reply call(http::Method verb, const QUrl& url, const QByteArray& body, const QByteArray& contentType,
            const QString& bearer)
 {
-    QNetworkRequest request(url);
-    request.setTransferTimeout(kTimeoutMs);
-    request.setDecompressedSafetyCheckThreshold(kUnpackedBytes);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    // Nothing is gained from it with a connection for each request.
-    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
+    http::Request request{.method = verb, .url = url, .body = body, .encoding = http::Encoding::Compressed};
     if (!contentType.isEmpty())
-        request.setHeader(QNetworkRequest::ContentTypeHeader, contentType);
-    if (!bearer.isEmpty()) {
-        // The network library sends line ends as they are, and what follows as headers.
-        QByteArray token = bearer.toLatin1();
-        token.removeIf([](char c) { return c == '\r' || c == '\n' || c == '\0'; });
-        request.setRawHeader("Authorization", "Bearer " + token);
-    }
+        request.headers.append({"Content-Type", contentType});
+    if (!bearer.isEmpty())
+        request.headers.append({"Authorization", "Bearer " + bearer.toLatin1()});
+    const http::Answer answer = http::exchange(request, kLimits);
 
-    // One of its own: a manager keeps connections, and a request on one that has died meanwhile is sent
-    // twice. (One whose connection ends before any answer is sent up to four times all the same.)
-    QNetworkAccessManager manager;
-    const std::unique_ptr<QNetworkReply> answer(manager.sendCustomRequest(request, verb, body));
-    QEventLoop loop;
-    QObject::connect(answer.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    loop.exec();
-
-    Reply reply;
-    reply.status = answer->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (!answer->isFinished()) { // the process is told to end
-        reply.error = u"interrupted"_s;
-    } else if (reply.status >= 300 && reply.status < 400) {
-        reply.error = u"the server answered with a redirect (HTTP status %1)"_s.arg(reply.status);
-    } else {
-        if (answer->isReadable()) // not when it was given up
-            reply.json = QJsonDocument::fromJson(answer->readAll()).object();
-        if (answer->error() != QNetworkReply::NoError)
-            reply.error = reasonOf(reply.json, answer->errorString());
+    Reply reply{.status = answer.status, .json = {}, .error = http::problem(answer)};
+    const bool redirected = answer.status >= 300 && answer.status < 400;
+    if (answer.failure == http::Failure::None && !redirected) {
+        reply.json = QJsonDocument::fromJson(answer.body).object();
+        if (!reply.error.isEmpty())
+            reply.error = reasonOf(reply.json, reply.error);
     }
     return reply;
 }
@@ -214,7 +186,7 @@ QString propertyFor(const QHash<QString, QString>& best, const QString& siteHost
 /// have. Empty on success, else why the properties could not be listed.
 QString mapProperties(const QString& accessToken)
 {
-    const Reply reply = call("GET", QUrl(kApi), {}, {}, accessToken);
+    const Reply reply = call(http::Method::Get, QUrl(kApi), {}, {}, accessToken);
     if (!reply.error.isEmpty())
         return reply.error;
 
@@ -238,7 +210,7 @@ QString mapProperties(const QString& accessToken)
 /// error tells what Google had to say against it.
 QString accessToken(const Client& client, QString* error)
 {
-    const Reply reply = call("POST", kTokenUrl,
+    const Reply reply = call(http::Method::Post, kTokenUrl,
                              form({
                                  {u"client_id"_s,     client.id           },
                                  {u"client_secret"_s, client.secret       },
@@ -264,7 +236,7 @@ Reply query(const QString& token, const QString& property, const Window& window,
         {u"dataState"_s,  u"all"_s                              }
     };
     const QString path = QString::fromLatin1(QUrl::toPercentEncoding(property));
-    return call("POST", QUrl(kApi + u'/' + path + u"/searchAnalytics/query"_s, QUrl::StrictMode),
+    return call(http::Method::Post, QUrl(kApi + u'/' + path + u"/searchAnalytics/query"_s, QUrl::StrictMode),
                 QJsonDocument(body).toJson(QJsonDocument::Compact), "application/json", token);
 }
 
@@ -342,7 +314,7 @@ QString authUrl(const Client& client, const QString& state)
 
 QString connect(const Client& client, const QString& code)
 {
-    const Reply reply = call("POST", kTokenUrl,
+    const Reply reply = call(http::Method::Post, kTokenUrl,
                              form({
                                  {u"code"_s,          code                   },
                                  {u"client_id"_s,     client.id              },
@@ -377,7 +349,7 @@ void disconnect()
     const QString refresh = storedRefreshToken();
     // Best effort: what Google does not hear of now, the administrator can revoke there.
     if (!refresh.isEmpty()) {
-        call("POST", kRevokeUrl,
+        call(http::Method::Post, kRevokeUrl,
              form({
                  {u"token"_s, refresh}
         }),

@@ -1,23 +1,17 @@
 #include "common/Webhook.h"
 
+#include "common/Http.h"
 #include "common/Notify.h"
 #include "common/NotifyText.h"
 
 #include <QDateTime>
-#include <QEventLoop>
-#include <QIODevice>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QRegularExpression>
-#include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
-#include <memory>
 #include <utility>
 
 using namespace Qt::Literals::StringLiterals;
@@ -26,13 +20,8 @@ namespace tarn::notify {
 
 namespace {
 
-/// How long nothing may come.
-constexpr int kTransferMs = 10'000;
-/// How long it may take in all: a byte now and then starts the other time anew.
-constexpr int kExchangeMs = 12'000;
-
 /// Nobody reads the answer. One that is longer does not come from a webhook.
-constexpr qint64 kMaxAnswerBytes = 1'048'576;
+constexpr http::Limits kLimits{.silenceMs = 10'000, .totalMs = 12'000, .bodyBytes = 1'048'576};
 
 /// What is shorter than this and comes from the address is no secret, and may well be a part of a word.
 constexpr qsizetype kSecretCharacters = 4;
@@ -76,34 +65,6 @@ QByteArray genericBody(const Config& config, const Message& message, const QDate
            + QByteArray::number(now.toSecsSinceEpoch()) + ",\"url\":" + quoted(config.panelUrl) + '}';
 }
 
-/// A body that can be read once. When a connection ends without an answer, the network layer sends the
-/// request up to three more times by itself, and the message may have been taken the first time. It gives
-/// that up when the body cannot be had again.
-class SingleUseBody : public QIODevice
-{
-public:
-    explicit SingleUseBody(QByteArray content)
-        : m_content(std::move(content))
-    {
-    }
-    qint64 size() const override { return m_content.size(); }
-    bool reset() override { return false; }
-
-protected:
-    qint64 readData(char* data, qint64 most) override
-    {
-        const QByteArray part = m_content.mid(m_taken, most);
-        std::copy(part.begin(), part.end(), data);
-        m_taken += part.size();
-        return part.size();
-    }
-    qint64 writeData(const char* /*data*/, qint64 /*size*/) override { return -1; }
-
-private:
-    QByteArray m_content;
-    qsizetype m_taken = 0;
-};
-
 bool isUsable(const QUrl& address)
 {
     return address.isValid() && !address.host().isEmpty()
@@ -117,61 +78,24 @@ QByteArray basicCredentials(const QUrl& address)
     return user.toUtf8().toBase64();
 }
 
-QNetworkRequest requestFor(const QUrl& address, const WebhookPayload& payload)
+http::Request requestFor(const QUrl& address, const WebhookPayload& payload)
 {
-    QNetworkRequest request(address.adjusted(QUrl::RemoveUserInfo));
-    // At once: when asked for it, the network layer would have to send the body again.
+    http::Request request{.method = http::Method::Post, .url = address, .body = payload.body};
+    request.headers.append({"Content-Type", payload.contentType});
+    request.headers += payload.headers;
+    // At once: when asked for it, the body would have to be sent again.
     if (!address.userName().isEmpty())
-        request.setRawHeader("Authorization", "Basic " + basicCredentials(address));
-    request.setTransferTimeout(kTransferMs);
-    // A redirected message has not arrived: after most redirects it would be asked for a page, without the
-    // message.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, payload.contentType);
-    for (const auto& [name, value] : payload.headers)
-        request.setRawHeader(name, value);
+        request.headers.append({"Authorization", "Basic " + basicCredentials(address)});
     return request;
 }
 
-/// Why an answer that the network layer has no objection to is not one of success.
-QString refusal(int status)
+/// Why @p answer does not say that the message has arrived.
+QString problemOf(const http::Answer& answer)
 {
-    if (status >= 200 && status < 300)
-        return {};
-    if (status >= 300 && status < 400)
-        return u"redirected (HTTP %1) instead of delivered"_s.arg(status);
-    return u"answered with HTTP %1 instead of success"_s.arg(status);
-}
-
-/// Waits in a local event loop until @p reply is complete or has failed. Why it was not waited for longer, if
-/// neither.
-QString waitForEnd(QNetworkReply& reply)
-{
-    QString reason;
-    qint64 answeredBytes = 0;
-    QEventLoop loop;
-    QTimer limit;
-    limit.setSingleShot(true);
-    QObject::connect(&reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QObject::connect(&reply, &QNetworkReply::readyRead, &loop, [&] {
-        answeredBytes += reply.readAll().size();
-        if (answeredBytes > kMaxAnswerBytes && reason.isEmpty()) {
-            reason = u"the answer has no end"_s;
-            reply.abort();
-        }
-    });
-    QObject::connect(&limit, &QTimer::timeout, &loop, [&] {
-        if (reply.isFinished())
-            return;
-        reason = u"the answer takes too long"_s;
-        reply.abort();
-    });
-    limit.start(kExchangeMs);
-    loop.exec();
-    if (reason.isEmpty() && !reply.isFinished()) // the process is told to end
-        reason = u"interrupted"_s;
-    return reason;
+    const bool taken = answer.failure == http::Failure::None;
+    if (taken && answer.status >= 300 && answer.status < 400)
+        return u"redirected (HTTP %1) instead of delivered"_s.arg(answer.status);
+    return http::problem(answer);
 }
 
 /// What can be recognised of a path, a query or a user, in each way of writing it; longest first.
@@ -219,21 +143,8 @@ QString postToWebhook(const Config& config, const Message& message)
     if (!isUsable(address))
         return u"webhook_url is not an http or https address"_s;
     const WebhookPayload payload = webhookPayload(config, message, QDateTime::currentDateTime());
-    SingleUseBody content(payload.body);
-    content.open(QIODevice::ReadOnly);
-
-    QNetworkAccessManager manager;
-    const std::unique_ptr<QNetworkReply> reply(manager.post(requestFor(address, payload), &content));
-    QString cutShort = waitForEnd(*reply);
-    if (!cutShort.isEmpty())
-        return cutShort;
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    // Some redirects end with an error, since the network layer prepares to follow before it is told not to.
-    if (reply->error() == QNetworkReply::NoError || (status >= 300 && status < 400))
-        return refusal(status);
-    if (reply->error() == QNetworkReply::ContentReSendError)
-        return u"the server closed the connection without an answer"_s;
-    return excerpt(withoutAddress(reply->errorString(), config.webhookUrl));
+    const QString problem = problemOf(http::exchange(requestFor(address, payload), kLimits));
+    return excerpt(withoutAddress(problem, config.webhookUrl));
 }
 
 QString withoutAddress(const QString& text, const QString& address)

@@ -40,8 +40,8 @@ QString FakeHttp::url(const QString& path) const
 
 FakeHttp::Reply FakeHttp::reply(const QByteArray& status, const QByteArray& body, const QByteArray& headers)
 {
-    return {"HTTP/1.1 " + status + "\r\n" + headers + "Content-Length: " + QByteArray::number(body.size())
-            + "\r\n\r\n" + body};
+    return {.bytes = "HTTP/1.1 " + status + "\r\n" + headers
+                     + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body};
 }
 
 void FakeHttp::reset()
@@ -94,9 +94,7 @@ void FakeHttp::read(QSslSocket* socket, QByteArray& buffer)
 void FakeHttp::respond(QSslSocket* socket, const Reply& reply)
 {
     socket->write(reply.bytes);
-    const auto write = [this, socket](qsizetype bytes) {
-        m_floodedBytes += socket->write(QByteArray(bytes, 'x'));
-    };
+    const auto write = [this, socket](const QByteArray& bytes) { m_floodedBytes += socket->write(bytes); };
     switch (reply.then) {
     case Then::Close:
         socket->disconnectFromHost();
@@ -108,15 +106,16 @@ void FakeHttp::respond(QSslSocket* socket, const Reply& reply)
         break;
     case Then::Trickle: {
         auto* timer = new QTimer(socket);
-        connect(timer, &QTimer::timeout, this, [write] { write(1); });
+        connect(timer, &QTimer::timeout, this, [write] { write("x"); });
         timer->start(kTrickleMs);
         break;
     }
     case Then::Flood:
-        connect(socket, &QSslSocket::bytesWritten, this, [write, socket] {
-            if (socket->bytesToWrite() < kFloodBytes)
-                write(kFloodBytes);
-        });
+        connect(socket, &QSslSocket::bytesWritten, this,
+                [write, socket, flood = reply.piece.repeated(kFloodBytes / reply.piece.size())] {
+                    if (socket->bytesToWrite() < kFloodBytes)
+                        write(flood);
+                });
         break;
     }
 }

@@ -27,14 +27,15 @@ public:
         Close,
         CloseLate, ///< when the client has most likely taken what there is
         StayOpen,  ///< silent
-        Trickle,   ///< a byte of the body now and then, without end
-        Flood,     ///< the body goes on without end
+        Trickle,   ///< a byte now and then, without end
+        Flood,     ///< goes on without end
     };
 
     struct Reply
     {
         QByteArray bytes; ///< from the status line on
         Then then = Then::StayOpen;
+        QByteArray piece = "x"; ///< what a flood repeats
     };
 
     ~FakeHttp() override;

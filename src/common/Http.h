@@ -1,0 +1,91 @@
+// One HTTP exchange (RFC 9110 and 9112, HTTP/1.1 alone): a request, its answer, and a limit for everything
+// that the peer decides. libcurl does the talking; docs/decisions/0004 says why. Logs nothing.
+//
+// An exchange has a connection of its own and sends its request once: what ends without an answer is not sent
+// again. It blocks its caller in a local event loop, so that timers and notifications are served meanwhile,
+// and exchanges may begin inside each other's waits. Any thread that can run an event loop may call it.
+//
+// Proxies are those that Qt knows: QNetworkProxy::setApplicationProxy(), else the variables https_proxy,
+// http_proxy and no_proxy; loopback addresses are never asked for through one. Trusted authorities are those
+// of QSslConfiguration::defaultConfiguration(), else those in the system's folders that Qt looks into as
+// well.
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QPair>
+#include <QString>
+#include <QUrl>
+
+namespace tarn::http {
+
+/// Heads of an answer in all: status lines and header fields of the answer itself, of answers before it (1xx,
+/// redirects, a proxy's) and the fields behind a body that comes in chunks. Real ones have 0.5 to 8 kB.
+constexpr qint64 kHeadBytes = 65'536;
+/// A connection has to stand by then, name look-up and TLS included; sooner where the limit of silence is.
+constexpr int kConnectMs = 120'000;
+/// Redirects that are followed, one after the other.
+constexpr int kRedirects = 5;
+/// Characters of a server's own words that are shown.
+constexpr qsizetype kReasonCharacters = 500;
+
+enum class Method : quint8 { Get, Post };
+
+enum class Redirects : quint8 {
+    Refuse, ///< an answer of 300 to 399 is the answer
+    Follow, ///< to https addresses without a user part, at most kRedirects; no header and no body travels
+};
+
+enum class Encoding : quint8 {
+    Identity,   ///< the body as it came, whatever encoding the server claims for it
+    Compressed, ///< asked for compressed, and decompressed
+};
+
+struct Request
+{
+    Method method = Method::Get;
+    QUrl url; ///< http or https; its user part and its fragment are not sent
+    /// Names and values. Characters that would end the line (CR, LF, NUL) are left out of the values.
+    QList<QPair<QByteArray, QByteArray>> headers = {};
+    QByteArray body = {}; ///< of a Post
+    Redirects redirects = Redirects::Refuse;
+    Encoding encoding = Encoding::Identity;
+};
+
+/// What is past a limit ends the exchange; what reaches it does not.
+struct Limits
+{
+    int silenceMs = 0;    ///< how long nothing may come or go; 0 is no limit
+    int totalMs = 0;      ///< from the call to the end of the answer, redirects included
+    qint64 bodyBytes = 0; ///< of the body, decompressed
+    qint64 headBytes = kHeadBytes;
+};
+
+enum class Failure : quint8 {
+    None,        ///< there is a whole answer, of whatever status
+    Interrupted, ///< the process is told to end
+    Silence,
+    TotalTime,
+    HeadTooLong,
+    BodyTooLong,
+    Unanswered, ///< the connection ended before the first byte of an answer
+    Redirected, ///< to where it is not followed
+    Network,    ///< anything else: no such host, refused, not trusted, cut off, no HTTP
+};
+
+struct Answer
+{
+    int status = 0;       ///< 0 when there was no answer
+    QString reason = {};  ///< the server's words behind the status, on one line; often empty
+    QByteArray body = {}; ///< whole; empty after a failure
+    Failure failure = Failure::None;
+    QString error = {}; ///< why it failed, on one line; empty when failure is None
+};
+
+/// Sends @p request and waits for the end of the answer, or of the patience that @p limits describe.
+Answer exchange(const Request& request, const Limits& limits);
+
+/// Why @p answer is not one of success (2xx): its error, else what its status says. Empty when it is.
+QString problem(const Answer& answer);
+
+} // namespace tarn::http
