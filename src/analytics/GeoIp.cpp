@@ -28,6 +28,8 @@ constexpr http::Limits kLimits{.totalMs = 6 * 3'600 * 1'000, .bodyBytes = 268'43
 
 const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv.gz"_s;
 
+const auto kDatabaseError = u"database error while loading"_s;
+
 const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
                          "ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s;
 
@@ -146,14 +148,16 @@ std::optional<qsizetype> load(QByteArrayView data, const QString& month)
 
 bool geoIpIsStale()
 {
-    return geoIpIsStale(QDate::currentDate());
+    // Asked behind the waits of a synchronisation, in which the session can be lost.
+    return db::ensure(false) && geoIpIsStale(QDate::currentDate());
 }
 
 bool geoIpIsStale(QDate today)
 {
     QSqlQuery query;
-    return !query.exec(u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s) || !query.next()
-           || query.value(0).toString() != monthOf(today);
+    if (!query.exec(u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s))
+        return db::session().isOpen();
+    return !query.next() || query.value(0).toString() != monthOf(today);
 }
 
 QString updateGeoIp(const QString& file, bool* ok)
@@ -174,11 +178,15 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
     } else {
         const QUrl address(kAddress.arg(month));
         qInfo("collect: loading countries from %s", qPrintable(address.toString()));
-        const http::Answer answer = http::exchange({.url = address}, kLimits);
+        const http::Answer answer =
+            http::exchange({.url = address, .redirects = http::Redirects::Follow}, kLimits);
         const QString problem = http::problem(answer);
         if (!problem.isEmpty())
             return u"download failed: "_s + problem;
         data = gunzip(answer.body, &intact);
+        // The file must not be fetched again for a session that was lost meanwhile.
+        if (!db::ensure(false))
+            return kDatabaseError;
     }
     // The first half of a file would pass for a whole one.
     if (!intact || !looksLikeCountryFile(data))
@@ -186,7 +194,7 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
 
     const std::optional<qsizetype> ranges = load(data, month);
     if (!ranges)
-        return u"database error while loading"_s;
+        return kDatabaseError;
     *ok = true;
     return u"loaded %1 country ranges (IP data by DB-IP, CC BY 4.0)"_s.arg(*ranges);
 }

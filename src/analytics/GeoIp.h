@@ -11,7 +11,8 @@
 
 namespace tarn::analytics {
 
-/// True unless this month's file has been loaded.
+/// True unless this month's file has been loaded. False when the database is lost and cannot be asked: that
+/// says nothing of the file.
 bool geoIpIsStale();
 /// The same for the month of @p today.
 bool geoIpIsStale(QDate today);

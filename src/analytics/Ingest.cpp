@@ -224,6 +224,12 @@ bool Ingest::init()
     return true;
 }
 
+void Ingest::noteCountryLoad() const
+{
+    if (!m_haveGeo)
+        qInfo("collect: geoip: hits get countries from the next start on; restart tarn-collect");
+}
+
 Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByteArray>& lines)
 {
     Result result;

@@ -36,6 +36,10 @@ public:
     /// the session) is logged before. To be called once, before ingest(); later changes need a restart.
     bool init();
 
+    /// To be called after each load of the country table: a line of the log when this process does not use
+    /// it.
+    void noteCountryLoad() const;
+
     /// Stores the hits in @p lines, given without their line feeds, in one transaction, and announces them on
     /// the channel "tarn_hits". A line that is no log entry is counted and costs nothing but itself. When the
     /// database refuses a batch, nothing of this call is kept. @p host is the site's name.

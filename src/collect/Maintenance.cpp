@@ -53,13 +53,15 @@ void removeOldHits()
     qInfo("collect: removed %d raw hits older than %d days", removal.numRowsAffected(), days);
 }
 
-void updateCountries()
+void updateCountries(const Ingest& ingest)
 {
     if (!analytics::geoIpIsStale())
         return;
     bool ok = false;
     const QString result = analytics::updateGeoIp({}, &ok);
     qInfo("collect: geoip: %s", qPrintable(result));
+    if (ok)
+        ingest.noteCountryLoad();
 }
 
 } // namespace tarn

@@ -7,6 +7,10 @@
 
 namespace tarn {
 
+namespace analytics {
+class Ingest;
+}
+
 /// The day of the last daily work. It is in memory only: every start does that work once more.
 class DailyMark
 {
@@ -31,7 +35,8 @@ bool rollUpSites(const QSet<QDate>& days);
 /// are kept for ever.
 void removeOldHits();
 
-/// Loads the countries if they are not this month's. Waits for DB-IP, without a time limit.
-void updateCountries();
+/// Loads the countries if they are not this month's, and says so when @p ingest does not use them yet. Waits
+/// for DB-IP, for six hours at most.
+void updateCountries(const analytics::Ingest& ingest);
 
 } // namespace tarn

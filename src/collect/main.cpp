@@ -143,9 +143,9 @@ int run(const QSettings& settings)
     const analytics::google::Client google = analytics::google::clientFrom(settings);
     LongJobs longJobs(
         {
-            {LongJob::RemoveOldHits,   [] { removeOldHits(); }          },
-            {LongJob::SyncSearch,      [&google] { syncSearch(google); }},
-            {LongJob::UpdateCountries, [] { updateCountries(); }        },
+            {LongJob::RemoveOldHits,   [] { removeOldHits(); }               },
+            {LongJob::SyncSearch,      [&google] { syncSearch(google); }     },
+            {LongJob::UpdateCountries, [&ingest] { updateCountries(ingest); }},
     },
         [] { return db::ensure(false); });
     listen();

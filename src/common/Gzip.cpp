@@ -7,6 +7,13 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace tarn {
 
+namespace {
+
+/// gunzip's exit status when it has something to remark, as on bytes behind the archive (gzip(1)).
+constexpr int kWarning = 2;
+
+} // namespace
+
 QByteArray gunzip(const QByteArray& data, bool* intact)
 {
     QProcess process;
@@ -18,9 +25,13 @@ QByteArray gunzip(const QByteArray& data, bool* intact)
     process.write(data);
     process.closeWriteChannel();
     const bool finished = process.waitForFinished(-1);
-    if (intact)
-        *intact = finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-    return process.readAllStandardOutput();
+    const bool ended = finished && process.exitStatus() == QProcess::NormalExit;
+    QByteArray contents = process.readAllStandardOutput();
+    if (intact) {
+        *intact =
+            ended && (process.exitCode() == 0 || (process.exitCode() == kWarning && !contents.isEmpty()));
+    }
+    return contents;
 }
 
 QByteArray readMaybeGzip(const QString& path, bool* intact)

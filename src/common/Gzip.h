@@ -8,8 +8,9 @@
 namespace tarn {
 
 /// The decompressed bytes of @p data. Of damaged data what gunzip made of it before it stopped, which may be
-/// nothing; empty without a gunzip. @p intact, when given, tells whether gunzip was content to the last byte:
-/// cut data and a wrong check sum show nowhere else. Waits as long as it takes.
+/// nothing; empty without a gunzip. @p intact, when given, tells whether all of it was decompressed: cut
+/// data and a wrong check sum show nowhere else. What stands behind the compressed data is passed over. Waits
+/// as long as it takes.
 QByteArray gunzip(const QByteArray& data, bool* intact = nullptr);
 
 /// The contents of the file @p path, decompressed when its name ends in ".gz" (this case only). Null when it

@@ -13,6 +13,7 @@
 #include <QRegularExpression>
 #include <QSemaphore>
 #include <QSqlDatabase>
+#include <QSqlDriver>
 #include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QTest>
@@ -160,6 +161,14 @@ private:
             event, table, event.contains(u"TRUNCATE"_s) ? u"FOR EACH STATEMENT"_s : u"FOR EACH ROW"_s));
     }
 
+    /// Ends the session as a restart of the server does, and waits until it is noticed.
+    void killSession() const
+    {
+        const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
+        run(m_session.other(), u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+        QVERIFY(QTest::qWaitFor([] { return !db::session().isOpen(); }));
+    }
+
     static void reconnect()
     {
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
@@ -175,7 +184,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_server.start());
-        QVERIFY(m_hosts.start({u"download.db-ip.com"_s}));
+        QVERIFY(m_hosts.start({u"download.db-ip.com"_s, u"elsewhere.example.net"_s}));
         m_hosts.capture();
     }
     void cleanupTestCase() { FakeHosts::release(); }
@@ -480,13 +489,27 @@ private Q_SLOTS:
         QTest::newRow("forbidden") << FakeHosts::Reply{.status = 403, .body = good} << refused.arg(403);
         QTest::newRow("too-many") << FakeHosts::Reply{.status = 429, .body = good} << refused.arg(429);
         QTest::newRow("server-error") << FakeHosts::Reply{.status = 500, .body = good} << refused.arg(500);
-        for (const int status : {301, 302, 303, 307, 308}) {
-            QTest::addRow("redirect-%d", status)
-                << FakeHosts::Reply{.status = status,
-                                    .body = good,
-                                    .headers = {{"Location", "https://elsewhere.example.net/"}}}
-                << u"download failed: the server answered with a redirect (HTTP status %1)"_s.arg(status);
-        }
+        const auto moved = [&](const char* name, int status, const FakeHosts::Headers& headers,
+                               const QString& why) {
+            QTest::newRow(name) << FakeHosts::Reply{.status = status, .body = good, .headers = headers}
+                                << u"download failed: "_s + why;
+        };
+        moved("redirect-not-encrypted", 302,
+              {
+                  {"Location", "http://elsewhere.example.net/"}
+        },
+              u"redirected to an address that is not https"_s);
+        moved("redirect-with-a-password", 302,
+              {
+                  {"Location", "https://a:b@elsewhere.example.net/"}
+        },
+              u"redirected to an address with a user name"_s);
+        moved("redirect-to-nowhere", 302, {}, u"the server answered with a redirect (HTTP status 302)"_s);
+        moved("choices", 300,
+              {
+                  {"Location", "https://elsewhere.example.net/"}
+        },
+              u"the server answered with a redirect (HTTP status 300)"_s);
         QTest::newRow("cut-in-the-body")
             << FakeHosts::Reply{.body = good, .delivery = Delivery::CutInBody} << closed;
         QTest::newRow("not-compressed") << FakeHosts::Reply{.body = text(lines(1200))} << kNoCountryFile;
@@ -504,6 +527,66 @@ private Q_SLOTS:
         QFETCH(const QString, message);
         QCOMPARE(download(reply), message);
         QVERIFY(isAsBefore());
+    }
+
+    void redirectsToOtherHosts_data()
+    {
+        QTest::addColumn<int>("status");
+        for (const int status : {301, 302, 303, 307, 308})
+            QTest::addRow("%d", status) << status;
+    }
+    void redirectsToOtherHosts()
+    {
+        QFETCH(const int, status);
+        m_hosts.expect(
+            "GET " + kAddress + "\n\n",
+            {.status = status, .headers = {{"Location", "https://elsewhere.example.net/file?x=1"}}});
+        m_hosts.expect("GET https://elsewhere.example.net/file?x=1\n\n", {.body = gzip(text(lines(1000)))});
+        QCOMPARE(download(), loaded(1000));
+        QCOMPARE(m_hosts.requests().last().header("Accept-Encoding"), "identity");
+    }
+
+    void whatStandsBehindTheFileIsPassedOver()
+    {
+        QCOMPARE(download({.body = gzip(text(lines(1000))) + "rubbish"}), loaded(1000));
+        QCOMPARE(load(gzip(text(lines(1100))) + "rubbish", u"ranges.csv.gz"_s), loaded(1100));
+    }
+
+    void sessionLostWhileDownloading()
+    {
+        QVERIFY(db::session().driver()->subscribeToNotification(u"test"_s));
+        m_hosts.answer([this](const FakeHosts::Request&) {
+            killSession();
+            return FakeHosts::Reply{.body = gzip(text(lines(1000)))};
+        });
+        bool ok = false;
+        QString message;
+        const QStringList messages = messagesOf([&] { message = updateGeoIp({}, &ok, kDay); });
+        QCOMPARE(message, loaded(1000));
+        QVERIFY2(messages.contains(u"database: reconnected"_s), qPrintable(messages.join(u" | "_s)));
+    }
+
+    void lostSessionIsNoStaleTable()
+    {
+        QVERIFY(geoIpIsStale(kDay));
+        const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
+        QSqlDatabase other = m_session.other();
+        run(other, u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+        bool stale = true;
+        messagesOf([&] { stale = geoIpIsStale(kDay); });
+        QVERIFY(!stale);
+        // While the database cannot be had again.
+        const auto allowConnections = [&](const QString& allowed) {
+            run(other, u"UPDATE pg_database SET datallowconn = %1 WHERE datname = current_database()"_s.arg(
+                           allowed));
+        };
+        allowConnections(u"false"_s);
+        stale = true;
+        messagesOf([&] { stale = geoIpIsStale(); });
+        allowConnections(u"true"_s);
+        QVERIFY(!stale);
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(geoIpIsStale());
     }
 
     void connectionCutBeforeTheAnswer()

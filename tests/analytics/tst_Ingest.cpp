@@ -725,6 +725,17 @@ private Q_SLOTS:
         QCOMPARE(hits(), u"1"_s);
     }
 
+    void aCountryTableThatIsNotUsedIsSaid()
+    {
+        const auto said = [this] { return test::messagesOf([this] { m_ingest->noteCountryLoad(); }); };
+        QVERIFY(m_ingest->init());
+        QCOMPARE(said(), QStringList(u"collect: geoip: hits get countries from the next start on; restart "
+                                     "tarn-collect"_s));
+        run(u"INSERT INTO tarn.geo_country VALUES ('192.0.2.0', '192.0.2.255', 'DE')"_s);
+        QVERIFY(m_ingest->init());
+        QCOMPARE(said(), QStringList());
+    }
+
     void rollupShowsTheHits()
     {
         ingest({lineAt("10:00:00"), lineAt("10:00:01"), ::beacon("?p=/about&t=4")});

@@ -137,6 +137,7 @@ private Q_SLOTS:
         m_collector->start();
         QVERIFY(m_collector->waitForLog(
             u"collect: geoip: loaded 1000 country ranges (IP data by DB-IP, CC BY 4.0)"_s));
+        QVERIFY(m_collector->waitForLog(u"collect: geoip: hits get countries from the next start on"_s));
         QCOMPARE(m_hosts.requests().size(), 1);
         QCOMPARE(m_hosts.requests().first().text().split('\n').first(),
                  QDate::currentDate()
