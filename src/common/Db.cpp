@@ -10,6 +10,8 @@
 
 #include <dlfcn.h>
 
+#include <optional>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace tarn::db {
@@ -99,6 +101,18 @@ bool reconnect(QSqlDatabase& database)
     return true;
 }
 
+/// Runs a prepared query; why it failed, null when it did not.
+std::optional<QString> runForReason(QSqlQuery& query)
+{
+    const QSqlError earlier = query.lastError();
+    if (query.exec())
+        return std::nullopt;
+    // A statement that could not be prepared is run without its name all the same; why is told by prepare()
+    // only.
+    const bool unprepared = query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid();
+    return unprepared ? earlier.text() : query.lastError().text();
+}
+
 } // namespace
 
 bool open(const QSettings& settings, const QString& applicationName)
@@ -143,15 +157,24 @@ bool ensure(bool force)
 
 bool exec(QSqlQuery& query)
 {
-    const QSqlError earlier = query.lastError();
-    if (query.exec())
+    const std::optional<QString> reason = runForReason(query);
+    if (reason)
+        logFailure(*reason);
+    return !reason;
+}
+
+bool execSecret(QSqlQuery& query)
+{
+    const std::optional<QString> reason = runForReason(query);
+    if (!reason)
         return true;
-    QString reason = query.lastError().text();
-    // A statement that could not be prepared is run without its name all the same; why is told by prepare()
-    // only.
-    if (query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid())
-        reason = earlier.text();
-    logFailure(reason);
+    QString shown = reason->section(u'\n', 0, 0);
+    const QVariantList values = query.boundValues();
+    for (const QVariant& value : values) {
+        if (!value.toString().isEmpty())
+            shown.replace(value.toString(), u"***"_s);
+    }
+    logFailure(shown);
     return false;
 }
 

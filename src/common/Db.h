@@ -33,6 +33,10 @@ bool exec(QSqlQuery& query, const QString& statement);
 /// no reason; the line then names that loss.
 void logFailure(const QString& reason);
 
+/// The same for a statement that has to do with secrets. Of the server's reason only the first line is
+/// logged, and the bound texts are taken out of it: the lines behind it can show all values of a row.
+bool execSecret(QSqlQuery& query);
+
 /// The highest migration the suite's admin tool has recorded; 0 when there is none, or no such table.
 int schemaVersion();
 

@@ -267,6 +267,35 @@ private Q_SLOTS:
         QVERIFY(!db::exec(query));
     }
 
+    void secretsStayOutOfTheLog_data()
+    {
+        QTest::addColumn<QString>("column");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("detail-of-a-constraint")
+            << u"text CHECK (false)"_s
+            << u"^sql: ERROR:  new row for relation \"kept\" violates check constraint \"kept_check\"$"_s;
+        QTest::newRow("value-in-the-reason")
+            << u"uuid"_s << u"^sql: ERROR:  invalid input syntax for type uuid: \"\\*\\*\\*\"$"_s;
+    }
+    void secretsStayOutOfTheLog()
+    {
+        QFETCH(const QString, column);
+        QFETCH(const QString, logged);
+        QVERIFY(m_session.open());
+        run(u"CREATE TABLE kept (token %1)"_s.arg(column));
+        QSqlQuery query;
+        query.prepare(u"INSERT INTO kept VALUES (?)"_s);
+        query.addBindValue(u"s3cret"_s);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(logged));
+        QVERIFY(!db::execSecret(query));
+        run(u"DROP TABLE kept; CREATE TABLE kept (token text)"_s);
+        QSqlQuery good;
+        good.prepare(u"INSERT INTO kept VALUES (?)"_s);
+        good.addBindValue(u"s3cret"_s);
+        QVERIFY(db::execSecret(good));
+        QCOMPARE(scalar(u"SELECT token FROM kept"_s), u"s3cret"_s);
+    }
+
     void schemaVersionIsTheHighest()
     {
         QVERIFY(m_session.open());
