@@ -18,6 +18,7 @@
 #include <QVariant>
 
 #include <malloc.h>
+#include <optional>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -25,9 +26,9 @@ namespace tarn::analytics::google {
 
 namespace {
 
-/// Bytes are decompressed ones: 25,000 rows, the most that come at once, have 10,000 bytes each. The total
+/// Bytes are decompressed ones: 25,000 rows, the most that come at once, have 5,000 bytes each. The total
 /// time keeps an answer that comes in drops from holding up the other long jobs for good.
-constexpr http::Limits kLimits{.silenceMs = 60'000, .totalMs = 3'600 * 1'000, .bodyBytes = 268'435'456};
+constexpr http::Limits kLimits{.silenceMs = 60'000, .totalMs = 3'600 * 1'000, .bodyBytes = 134'217'728};
 
 /// Rows to a page, the most that Google gives; a page with fewer is the last.
 constexpr int kPageRows = 25'000;
@@ -36,6 +37,9 @@ constexpr int kMaxRows = 1'000'000;
 
 constexpr int kFirstMonths = 16;
 constexpr int kAgainDays = 10;
+
+const auto kNotConnected = u"not connected"_s;
+const auto kDatabaseLost = u"the database was lost"_s;
 
 constexpr auto kDomainPrefix = "sc-domain:"_L1;
 constexpr auto kFormType = "application/x-www-form-urlencoded";
@@ -57,6 +61,7 @@ struct Reply
     int status = 0;   ///< 0 when there was no response
     QJsonObject json; ///< the body; empty when it is no JSON object
     QString error;    ///< why it failed, else empty
+    bool isObject = false;
 };
 
 /// A site and what it is called at Google.
@@ -68,14 +73,28 @@ struct Site
     QDate lastStored; ///< invalid when nothing is
 };
 
-/// Runs @p statement with @p values; the result is read before anything waits for the network.
+/// Whether the session is there after a wait, in which it can have been lost. It is opened again for what is
+/// not repeated.
+bool haveDatabase()
+{
+    return db::ensure(false);
+}
+
+/// Whether the statement that has just failed did so for lack of a session.
+bool databaseIsLost()
+{
+    return !db::session().isOpen();
+}
+
+/// Runs @p statement with @p values; the result is read before anything waits for the network. The rows of
+/// tarn.engine_accounts, which many of them are about, hold a secret.
 QSqlQuery run(const QString& statement, const QStringList& values = {})
 {
     QSqlQuery query;
     query.prepare(statement);
     for (const QString& value : values)
         query.addBindValue(db::storable(value));
-    db::exec(query);
+    db::execSecret(query);
     return query;
 }
 
@@ -100,10 +119,14 @@ Reply call(http::Method verb, const QUrl& url, const QByteArray& body, const QBy
         request.headers.append({"Authorization", "Bearer " + bearer.toLatin1()});
     const http::Answer answer = http::exchange(request, kLimits);
 
-    Reply reply{.status = answer.status, .json = {}, .error = http::problem(answer)};
+    Reply reply;
+    reply.status = answer.status;
+    reply.error = http::problem(answer);
     const bool redirected = answer.status >= 300 && answer.status < 400;
     if (answer.failure == http::Failure::None && !redirected) {
-        reply.json = QJsonDocument::fromJson(answer.body).object();
+        const QJsonDocument document = QJsonDocument::fromJson(answer.body);
+        reply.isObject = document.isObject();
+        reply.json = document.object();
         if (!reply.error.isEmpty())
             reply.error = reasonOf(reply.json, reply.error);
     }
@@ -190,6 +213,8 @@ QString mapProperties(const QString& accessToken)
     if (!reply.error.isEmpty())
         return reply.error;
 
+    if (!haveDatabase())
+        return kDatabaseLost;
     const QHash<QString, QString> best = bestProperties(reply.json.value(u"siteEntry"_s).toArray());
     QSqlQuery sites = run(u"SELECT id, host FROM tarn.sites"_s);
     while (sites.next()) {
@@ -201,9 +226,10 @@ QString mapProperties(const QString& accessToken)
                       "ON CONFLICT (site_id, engine) DO UPDATE SET property = excluded.property"_s);
         query.addBindValue(sites.value(0).toInt());
         query.addBindValue(db::storable(property));
-        db::exec(query);
+        if (!db::exec(query) && databaseIsLost())
+            return kDatabaseLost;
     }
-    return {};
+    return sites.isActive() || !databaseIsLost() ? QString() : kDatabaseLost;
 }
 
 /// An access token for the stored refresh token; empty when there is none. Whether there is one or not, @p
@@ -240,19 +266,35 @@ Reply query(const QString& token, const QString& property, const Window& window,
                 QJsonDocument(body).toJson(QJsonDocument::Compact), "application/json", token);
 }
 
-/// All detail rows of a property. A page that fails ends them: what came before it is worth having.
-QJsonArray detailRows(const QString& token, const QString& property, const Window& window)
+/// Why @p page is none; empty when it is one.
+QString problemOf(const Reply& page)
+{
+    return page.error.isEmpty() && !page.isObject ? u"the answer is no JSON object"_s : page.error;
+}
+
+/// All detail rows of a site. A page that fails ends them: what came before it is worth having. The log says
+/// so, since what is missing of the first synchronisation is asked for by no later one.
+QJsonArray detailRows(const QString& token, const Site& site, const Window& window)
 {
     static const QStringList dimensions = {u"date"_s, u"query"_s, u"page"_s, u"country"_s, u"device"_s};
     QJsonArray rows;
     for (int start = 0; start < kMaxRows; start += kPageRows) {
-        const QJsonArray page =
-            query(token, property, window, dimensions, start).json.value(u"rows"_s).toArray();
-        for (const QJsonValue row : page)
+        const Reply page = query(token, site.property, window, dimensions, start);
+        const QString problem = problemOf(page);
+        if (!problem.isEmpty()) {
+            qWarning("collect: google: %s: page %d of the details failed, rows from %d on are missing: %s",
+                     qPrintable(site.host), start / kPageRows + 1, start, qPrintable(problem));
+            return rows;
+        }
+        const QJsonArray more = page.json.value(u"rows"_s).toArray();
+        for (const QJsonValue row : more)
             rows.append(row);
-        if (page.size() < kPageRows)
-            break;
+        if (more.size() < kPageRows)
+            return rows;
     }
+    qWarning("collect: google: %s: details end with page %d, the last that is asked for: rows from %d on are "
+             "missing",
+             qPrintable(site.host), kMaxRows / kPageRows, kMaxRows);
     return rows;
 }
 
@@ -263,10 +305,12 @@ QString syncSite(const QString& token, const Site& site)
     const Reply totals = query(token, site.property, window, {u"date"_s}, 0);
     if (!totals.error.isEmpty())
         return totals.error;
-    const QJsonArray rows = detailRows(token, site.property, window);
+    const QJsonArray rows = detailRows(token, site, window);
     const QJsonArray days = totals.json.value(u"rows"_s).toArray();
     if (days.isEmpty())
         return u"no new data"_s;
+    if (!haveDatabase())
+        return kDatabaseLost;
     bool ok = false;
     return importSearchData(site.id, u"google"_s,
                             {
@@ -276,16 +320,42 @@ QString syncSite(const QString& token, const Site& site)
                             &ok);
 }
 
-/// Read to the end at once: while a request is waited for, a timer may reconnect the session.
-QList<Site> mappedSites()
+/// Read to the end at once: while a request is waited for, a timer may reconnect the session. Nothing when
+/// they cannot be read.
+std::optional<QList<Site>> mappedSites()
 {
     QList<Site> sites;
     QSqlQuery query = run(kSites);
+    if (!query.isActive())
+        return std::nullopt;
     while (query.next()) {
         sites.append({query.value(0).toInt(), query.value(1).toString(), query.value(2).toString(),
                       query.value(3).toDate()});
     }
     return sites;
+}
+
+/// Brings all sites up to date; what became of each.
+QString syncSites(const QString& token)
+{
+    const std::optional<QList<Site>> sites = mappedSites();
+    if (!sites)
+        return databaseIsLost() ? kDatabaseLost : u"database error while reading the sites"_s;
+    if (sites->isEmpty())
+        return u"no Search Console property matches a site here"_s;
+    qInfo("collect: synchronising %d sites with Google", static_cast<int>(sites->size()));
+    QStringList results;
+    for (const Site& site : *sites) {
+        // A session that was lost while the site before was stored.
+        const bool open = haveDatabase();
+        results.append(site.host + u": "_s + (open ? syncSite(token, site) : kDatabaseLost));
+        if (!open)
+            break;
+        // A large site's rows were a gigabyte of small pieces, which the allocator would keep for the next
+        // time.
+        malloc_trim(0);
+    }
+    return results.join(u"; "_s);
 }
 
 } // namespace
@@ -325,6 +395,8 @@ QString connect(const Client& client, const QString& code)
                              kFormType, {});
     if (!reply.error.isEmpty())
         return reply.error;
+    // The code is spent: it must not be for nothing.
+    haveDatabase();
     const QString refresh = reply.json.value(u"refresh_token"_s).toString();
     if (refresh.isEmpty())
         return u"Google did not return a refresh token"_s;
@@ -337,7 +409,7 @@ QString connect(const Client& client, const QString& code)
                       "last_result = NULL"_s);
         query.addBindValue(db::storable(emailOf(reply.json.value(u"id_token"_s).toString())));
         query.addBindValue(db::storable(refresh));
-        return db::exec(query);
+        return db::execSecret(query);
     }();
     if (!stored)
         return u"could not store the connection"_s;
@@ -354,6 +426,7 @@ void disconnect()
                  {u"token"_s, refresh}
         }),
              kFormType, {});
+        haveDatabase();
     }
     run(u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s);
     run(u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s);
@@ -361,30 +434,19 @@ void disconnect()
 
 QString sync(const Client& client)
 {
-    if (!client.configured() || storedRefreshToken().isEmpty())
-        return u"not connected"_s;
+    if (!client.configured())
+        return kNotConnected;
+    if (storedRefreshToken().isEmpty())
+        return databaseIsLost() ? kDatabaseLost : kNotConnected;
     QString error;
     const QString token = accessToken(client, &error);
+    if (!haveDatabase())
+        return kDatabaseLost;
     if (!token.isEmpty())
         error = mapProperties(token);
-    if (token.isEmpty() || !error.isEmpty()) {
-        record(error);
-        return error;
-    }
-
-    const QList<Site> sites = mappedSites();
-    if (!sites.isEmpty())
-        qInfo("collect: synchronising %d sites with Google", static_cast<int>(sites.size()));
-    QStringList results;
-    for (const Site& site : sites) {
-        results.append(site.host + u": "_s + syncSite(token, site));
-        // A large site's rows were a gigabyte of small pieces, which the allocator would keep for the next
-        // time.
-        malloc_trim(0);
-    }
-    QString result =
-        results.isEmpty() ? u"no Search Console property matches a site here"_s : results.join(u"; "_s);
-    record(result);
+    const QString result = token.isEmpty() || !error.isEmpty() ? error : syncSites(token);
+    if (!databaseIsLost())
+        record(result);
     return result;
 }
 

@@ -83,7 +83,8 @@ private:
 };
 
 /// A deletion that fails is no reason to stop: it has spoilt the transaction, and the next insertion says so.
-void deleteDays(Transaction& transaction, const Target& target)
+/// False when the session is lost.
+bool deleteDays(Transaction& transaction, const Target& target)
 {
     for (const QString& table : {u"tarn.search_days"_s, u"tarn.search_rows"_s}) {
         QSqlQuery& query = transaction.prepare(kDayDeletion.arg(table));
@@ -91,8 +92,10 @@ void deleteDays(Transaction& transaction, const Target& target)
         query.addBindValue(target.engine);
         query.addBindValue(target.first);
         query.addBindValue(target.last);
-        db::exec(query);
+        if (!db::exec(query) && !db::session().isOpen())
+            return false;
     }
+    return true;
 }
 
 bool insertDays(Transaction& transaction, const Target& target, const QJsonArray& totals)
@@ -141,8 +144,8 @@ bool store(const Target& target, const QJsonArray& totals, const QJsonArray& row
     // Without one each statement would stand on its own, the deletions first of all.
     if (!transaction.begin())
         return false;
-    deleteDays(transaction, target);
-    if (insertDays(transaction, target, totals) && insertRows(transaction, target, rows))
+    if (deleteDays(transaction, target) && insertDays(transaction, target, totals)
+        && insertRows(transaction, target, rows))
         return transaction.commit();
     transaction.rollback();
     return false;

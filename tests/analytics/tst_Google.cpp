@@ -12,6 +12,7 @@
 #include <QRegularExpression>
 #include <QSettings>
 #include <QSqlDatabase>
+#include <QSqlDriver>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -242,6 +243,21 @@ private:
         return m_returned.last();
     }
 
+    /// Ends the session as a restart of the server does, and waits until it is noticed.
+    static void killSession(const QSqlDatabase& other)
+    {
+        const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
+        run(other, u"SELECT pg_terminate_backend(%1)"_s.arg(backend));
+        QVERIFY(QTest::qWaitFor([] { return !db::session().isOpen(); }));
+    }
+
+    /// Has no warning fail the test: around a lost session the driver has remarks that no test can name.
+    static void messagesToList()
+    {
+        qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext&, const QString& text) { g_messages.append(text); });
+    }
+
     test::PostgresServer m_server;
     test::ProductSession m_session{m_server};
     FakeHosts m_hosts;
@@ -278,7 +294,10 @@ private Q_SLOTS:
         }
         m_returned.clear();
         g_messages.clear();
-        g_testHandler = qInstallMessageHandler(collectMessages);
+        // After an init() that failed it is still the one below, which must not call itself.
+        const QtMessageHandler before = qInstallMessageHandler(collectMessages);
+        if (before != collectMessages)
+            g_testHandler = before;
     }
 
     void cleanup()
@@ -556,7 +575,7 @@ private Q_SLOTS:
         QTest::newRow("unauthorized")
             << 401 << QByteArray("{'error':{'code':401,'message':'Invalid Credentials'}}")
             << u"Invalid Credentials"_s;
-        QTest::newRow("too-many") << 429 << QByteArray("{'error':{'message':'Slow down'}}") << u"Slow down"_s;
+        QTest::newRow("too-many") << 429 << json("{'error':{'message':'Slow down'}}").body << u"Slow down"_s;
         QTest::newRow("server-error")
             << 500 << QByteArray("{'error':{'message':'Internal error'}}") << u"Internal error"_s;
         QTest::newRow("empty-body") << 404 << QByteArray() << u""_s;
@@ -970,6 +989,11 @@ private Q_SLOTS:
         m_hosts.expect(totalsRequest("sc-domain%3Aa.example.org"), json("{}"));
         for (int i = 0; i < counts.size(); ++i)
             m_hosts.expect(pageRequest("sc-domain%3Aa.example.org", i * kPage), page(counts.at(i), "0"));
+        if (counts.size() == 40) {
+            QTest::ignoreMessage(QtWarningMsg,
+                                 "collect: google: a.example.org: details end with page 40, the last "
+                                 "that is asked for: rows from 1000000 on are missing");
+        }
         QCOMPARE(sync(), u"a.example.org: no new data"_s);
     }
 
@@ -979,14 +1003,18 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<Delivery>("delivery");
         QTest::addColumn<int>("stored");
+        QTest::addColumn<QString>("reason");
         const QByteArray row = page(1).body;
-        QTest::newRow("server-error") << 500 << QByteArray() << Delivery::Whole << kPage;
-        QTest::newRow("quota") << 429 << QByteArray("{'error':{'message':'Slow down'}}") << Delivery::Whole
-                               << kPage;
-        QTest::newRow("redirect") << 302 << row << Delivery::Whole << kPage;
-        QTest::newRow("broken-json") << 200 << row.chopped(1) << Delivery::Whole << kPage;
-        QTest::newRow("cut") << 200 << page(100).body << Delivery::CutInBody << kPage;
-        QTest::newRow("in-chunks") << 200 << page(100).body << Delivery::Chunked << kPage + 100;
+        QTest::newRow("server-error") << 500 << QByteArray() << Delivery::Whole << kPage << statusText(500);
+        QTest::newRow("quota") << 429 << json("{'error':{'message':'Slow down'}}").body << Delivery::Whole
+                               << kPage << u"Slow down"_s;
+        QTest::newRow("redirect") << 302 << row << Delivery::Whole << kPage << redirectText(302);
+        QTest::newRow("broken-json") << 200 << row.chopped(1) << Delivery::Whole << kPage
+                                     << u"the answer is no JSON object"_s;
+        const qsizetype size = page(100).body.size();
+        QTest::newRow("cut") << 200 << page(100).body << Delivery::CutInBody << kPage
+                             << u"transfer closed with %1 bytes remaining to read"_s.arg(size - size / 2);
+        QTest::newRow("in-chunks") << 200 << page(100).body << Delivery::Chunked << kPage + 100 << QString();
     }
     void whatCameBeforeAFailedPageIsStored()
     {
@@ -994,6 +1022,7 @@ private Q_SLOTS:
         QFETCH(const QByteArray, body);
         QFETCH(const Delivery, delivery);
         QFETCH(const int, stored);
+        QFETCH(const QString, reason);
         haveConnection();
         haveSite(1, u"a.example.org"_s, u"sc-domain:a.example.org"_s);
         expectStart();
@@ -1004,8 +1033,15 @@ private Q_SLOTS:
                         .body = body,
                         .headers = {{"Location", "https://elsewhere.example.net/"}},
                         .delivery = delivery});
+        const auto warning =
+            u"collect: google: a.example.org: page 2 of the details failed, rows from 25000 on are "
+            "missing: "_s
+            + reason;
+        if (!reason.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
         QCOMPARE(sync(), u"a.example.org: 1 days (2024-10-10 to 2024-10-10), %1 detail rows"_s.arg(stored));
         QCOMPARE(rowCount(), QString::number(stored));
+        QCOMPARE(g_messages.count(warning), reason.isEmpty() ? 0 : 1);
     }
 
     void memoryOfALargeSiteIsGivenBack()
@@ -1034,7 +1070,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("rowBytes");
         QTest::addColumn<bool>("taken");
         QTest::newRow("12-mb") << 500 << true;
-        QTest::newRow("75-mb") << 3000 << false;
+        QTest::newRow("75-mb") << 3000 << true;
+        QTest::newRow("137-mb") << 5500 << false;
     }
     void wellCompressedPages()
     {
@@ -1046,8 +1083,13 @@ private Q_SLOTS:
         m_hosts.expect(totalsRequest("sc-domain%3Aa.example.org"), json("{}"));
         m_hosts.expect(pageRequest("sc-domain%3Aa.example.org"),
                        compressed(page(kPage, '"' + QByteArray(rowBytes - 3, 'x') + '"')));
-        if (taken)
+        if (taken) {
             m_hosts.expect(pageRequest("sc-domain%3Aa.example.org", kPage), page(0));
+        } else {
+            QTest::ignoreMessage(QtWarningMsg,
+                                 "collect: google: a.example.org: page 1 of the details failed, rows "
+                                 "from 0 on are missing: the answer has no end");
+        }
         QCOMPARE(sync(), u"a.example.org: no new data"_s);
     }
 
@@ -1283,6 +1325,153 @@ private Q_SLOTS:
         QCOMPARE(result, u"a.example.org: database error while storing"_s);
         QVERIFY2(g_messages.size() <= 8, qPrintable(g_messages.join(u" | "_s)));
         QVERIFY(db::ensure(false));
+    }
+
+    /// One that the event loop notices, as the collector's is, which listens.
+    void sessionLostDuringAWaitIsOpenedAgain_data()
+    {
+        QTest::addColumn<QByteArray>("target");
+        QTest::newRow("token") << QByteArray("/token");
+        QTest::newRow("properties") << QByteArray("/sites");
+        QTest::newRow("figures") << QByteArray("/query");
+    }
+    void sessionLostDuringAWaitIsOpenedAgain()
+    {
+        QFETCH(const QByteArray, target);
+        bool killed = false;
+        haveConnection();
+        haveSite(1, u"a.example.org"_s, u"sc-domain:a.example.org"_s);
+        QVERIFY(db::session().driver()->subscribeToNotification(u"test"_s));
+        m_hosts.answer([&](const FakeHosts::Request& request) {
+            if (request.target.endsWith(target) && !std::exchange(killed, true))
+                killSession(m_session.other());
+            if (request.target == "/token")
+                return granted();
+            return request.target.endsWith("/sites") ? noProperties()
+                   : request.body.contains("device") ? page(1)
+                                                     : totals();
+        });
+        messagesToList();
+        const QString result = sync();
+        qInstallMessageHandler(collectMessages);
+        QCOMPARE(result, u"a.example.org: 1 days (2024-10-10 to 2024-10-10), 1 detail rows"_s);
+        QCOMPARE(g_messages.count(u"database: reconnected"_s), 1);
+    }
+
+    void codeIsNotSpentForALostSession()
+    {
+        QVERIFY(db::session().driver()->subscribeToNotification(u"test"_s));
+        m_hosts.answer([&](const FakeHosts::Request& request) {
+            if (!request.target.endsWith("/token"))
+                return noProperties();
+            killSession(m_session.other());
+            return json("{'refresh_token':'" + kRefresh.toUtf8() + "','access_token':'x'}");
+        });
+        messagesToList();
+        const QString result = connectNow();
+        qInstallMessageHandler(collectMessages);
+        QCOMPARE(result, QString());
+        QCOMPARE(account(u"refresh_token"_s), kRefresh);
+    }
+
+    void lostDatabaseIsNamed_data()
+    {
+        QTest::addColumn<QByteArray>("target");
+        QTest::addColumn<QString>("result");
+        QTest::newRow("token") << QByteArray("/token") << u"the database was lost"_s;
+        QTest::newRow("properties") << QByteArray("/sites") << u"the database was lost"_s;
+        QTest::newRow("figures")
+            << QByteArray("a.example.org/searchAnalytics/query")
+            << u"a.example.org: the database was lost; b.example.org: the database was lost"_s;
+    }
+    void lostDatabaseIsNamed()
+    {
+        QFETCH(const QByteArray, target);
+        QFETCH(const QString, result);
+        haveConnection();
+        for (int id = 1; id < 4; ++id) {
+            const QString host = QChar(u'a' + id - 1) + u".example.org"_s;
+            haveSite(id, host, u"sc-domain:"_s + host);
+        }
+        QVERIFY(db::session().driver()->subscribeToNotification(u"test"_s));
+        QSqlDatabase other = m_session.other();
+        m_hosts.answer([&](const FakeHosts::Request& request) {
+            if (request.target.endsWith(target) && db::session().isOpen()) {
+                run(other,
+                    u"UPDATE pg_database SET datallowconn = false WHERE datname = current_database()"_s);
+                killSession(other);
+            }
+            if (request.target == "/token")
+                return granted();
+            return request.target.endsWith("/sites") ? noProperties()
+                   : request.body.contains("device") ? page(1)
+                                                     : totals();
+        });
+        messagesToList();
+        const QString returned = analytics::google::sync(kClient);
+        run(other, u"UPDATE pg_database SET datallowconn = true WHERE datname = current_database()"_s);
+        qInstallMessageHandler(collectMessages);
+        QCOMPARE(returned, result);
+        QVERIFY2(g_messages.size() <= 6, qPrintable(g_messages.join(u" | "_s)));
+        QVERIFY(db::ensure(false));
+    }
+
+    void sessionLostAmongTheSitesCostsOneLine()
+    {
+        haveConnection();
+        QByteArrayList entries;
+        for (int id = 1; id <= 200; ++id) {
+            const QString host = u"site-%1.example.org"_s.arg(id);
+            haveSite(id, host);
+            entries.append("{'siteUrl':'sc-domain:" + host.toLatin1() + "'}");
+        }
+        run(u"CREATE FUNCTION die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+            "IF NEW.site_id = 20 THEN PERFORM pg_terminate_backend(pg_backend_pid()); END IF; RETURN NEW; END $$"_s);
+        run(u"CREATE TRIGGER die BEFORE INSERT ON tarn.search_properties FOR EACH ROW EXECUTE FUNCTION die()"_s);
+        m_hosts.answer([&](const FakeHosts::Request& request) {
+            return request.target == "/token" ? granted() : json("{'siteEntry':[" + entries.join(',') + "]}");
+        });
+        messagesToList();
+        const QString result = analytics::google::sync(kClient);
+        qInstallMessageHandler(collectMessages);
+        QCOMPARE(result, u"the database was lost"_s);
+        QCOMPARE(g_messages.filter(u"sql: "_s).size(), 1);
+        QVERIFY2(g_messages.size() <= 4, qPrintable(g_messages.join(u" | "_s)));
+        QVERIFY(db::ensure(false));
+    }
+
+    void constraintsOfOtherProgramsShowNoToken_data()
+    {
+        QTest::addColumn<QString>("constraint");
+        QTest::newRow("at-the-connection") << u"CHECK (last_result IS NOT NULL)"_s;
+        QTest::newRow("at-the-result") << u"CHECK (last_result IS NULL)"_s;
+    }
+    void constraintsOfOtherProgramsShowNoToken()
+    {
+        QFETCH(const QString, constraint);
+        run(u"ALTER TABLE tarn.engine_accounts DROP CONSTRAINT IF EXISTS odd"_s);
+        run(u"ALTER TABLE tarn.engine_accounts ADD CONSTRAINT odd "_s + constraint);
+        const auto expectRefusal = [] {
+            QTest::ignoreMessage(QtWarningMsg,
+                                 "sql: ERROR:  new row for relation \"engine_accounts\" violates check "
+                                 "constraint \"odd\"");
+        };
+        m_hosts.answer([](const FakeHosts::Request& request) {
+            return request.target == "/token"
+                       ? json("{'refresh_token':'" + kRefresh.toUtf8() + "','access_token':'x'}")
+                       : noProperties();
+        });
+        const bool atConnection = !constraint.contains(u"IS NULL"_s);
+        if (atConnection)
+            expectRefusal();
+        QCOMPARE(connectNow(), atConnection ? u"could not store the connection"_s : QString());
+        if (!atConnection) {
+            expectRefusal();
+            QCOMPARE(analytics::google::sync(kClient), u"no Search Console property matches a site here"_s);
+        }
+        // Not a part of the token either.
+        for (const QString& message : std::as_const(g_messages))
+            QVERIFY2(!message.contains(kRefresh.first(6)), qPrintable(message));
     }
 
     void disconnects_data()
