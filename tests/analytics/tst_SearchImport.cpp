@@ -498,6 +498,21 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
         QVERIFY(db::ensure(false));
     }
+
+    void sessionLostAtTheDeletionsCostsOneLine()
+    {
+        import(document({row({u"2024-10-10"_s})}, {detail(u"2024-10-10"_s)}));
+        run(u"CREATE FUNCTION die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+            "PERFORM pg_terminate_backend(pg_backend_pid()); RETURN OLD; END $$"_s);
+        run(u"CREATE TRIGGER die BEFORE DELETE ON tarn.search_days FOR EACH ROW EXECUTE FUNCTION die()"_s);
+        QString message;
+        const QStringList messages =
+            test::messagesOf([&] { message = import(document({row({u"2024-10-10"_s}, 5)}, {})); });
+        QCOMPARE(message, u"database error while storing"_s);
+        QCOMPARE(messages.filter(u"sql: "_s).size(), 1);
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(false));
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_SearchImport)
