@@ -1,5 +1,5 @@
-// The jobs that may wait for minutes, or for good: the daily work and whatever asks Google or DB-IP. They run
-// one at a time and from the outer event loop only, so that no job is ever suspended by a longer one that
+// The jobs that may wait for minutes, or for hours: the daily work and whatever asks Google or DB-IP. They
+// run one at a time and from the outer event loop only, so that no job is ever suspended by a longer one that
 // began inside its wait. Samples, log passes, roll-ups and measurements are not among them: they go on inside
 // the waits of these. Owned by main, which needs the application object for it. Main thread only.
 #pragma once

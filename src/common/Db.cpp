@@ -101,7 +101,7 @@ bool reconnect(QSqlDatabase& database)
     return true;
 }
 
-/// Runs a prepared query; why it failed, null when it did not.
+/// Runs a prepared query; why it failed, nothing when it did not.
 std::optional<QString> runForReason(QSqlQuery& query)
 {
     const QSqlError earlier = query.lastError();
