@@ -18,15 +18,15 @@ LANGUAGE plpgsql
 SET search_path = pg_catalog, pg_temp
 AS $$
 BEGIN
-    -- DO UPDATE, not DO NOTHING, for the lock on a mark that stands already: until these hits are committed no
-    -- roll-up can take the mark away, and so none can clear it without having seen them.
-    INSERT INTO tarn.rollup_due (site_id, day)
-    SELECT DISTINCT n.site_id, n.at::date FROM new_hits n
-    ON CONFLICT (site_id, day) DO UPDATE SET day = excluded.day;
+    -- A mark that stands already is updated, and so locked: until these hits are committed no roll-up can take the
+    -- mark away, and so none can clear it without having seen them.
+    INSERT INTO tarn.rollup_due AS d (site_id, day, hits, zone)
+    SELECT n.site_id, n.at::date, count(*), current_setting('TimeZone') FROM new_hits n GROUP BY n.site_id, n.at::date
+    ON CONFLICT (site_id, day) DO UPDATE SET hits = d.hits + excluded.hits, zone = excluded.zone;
     RETURN NULL;
 END
 $$;
-COMMENT ON FUNCTION tarn.mark_rollup_due() IS 'Notes the days of new hits in tarn.rollup_due';
+COMMENT ON FUNCTION tarn.mark_rollup_due() IS 'Notes the days of new hits, and how many there are, in tarn.rollup_due';
 
 CREATE OR REPLACE TRIGGER mark_rollup_due AFTER INSERT ON tarn.hits
     REFERENCING NEW TABLE AS new_hits
@@ -43,12 +43,23 @@ COMMENT ON FUNCTION tarn.day_start(date) IS
     'First moment of a calendar day in the session''s time zone. Not always day::timestamptz: where clocks go back '
     'from one to zero (Azores, Cuba) midnight comes twice, and that is the second';
 
+CREATE OR REPLACE FUNCTION tarn.day_start(day date, zone text) RETURNS timestamptz
+LANGUAGE sql STABLE
+RETURN CASE
+    WHEN ((day_start.day::timestamp AT TIME ZONE day_start.zone - interval '1 hour')
+              AT TIME ZONE day_start.zone)::date = day_start.day
+    THEN day_start.day::timestamp AT TIME ZONE day_start.zone - interval '1 hour'
+    ELSE day_start.day::timestamp AT TIME ZONE day_start.zone
+END;
+COMMENT ON FUNCTION tarn.day_start(date, text) IS 'First moment of a calendar day in a time zone';
+
 -- Body parsed here and now and no SET, so that the planner can merge it into the query around it: the index range
 -- is then read where it is used.
 CREATE OR REPLACE FUNCTION tarn.hits_of_day(site_id integer, day date)
 RETURNS TABLE (
     is_beacon     boolean,
     is_view       boolean,
+    at            timestamptz,
     path          text,
     status        integer,
     bytes         bigint,
@@ -66,10 +77,11 @@ RETURNS TABLE (
     response_us   integer)
 LANGUAGE sql STABLE
 BEGIN ATOMIC
-    SELECT h.method = 'BEACON' AND h.engaged_secs IS NOT NULL,
-           h.is_page AND h.bot IS NULL AND (h.status BETWEEN 200 AND 299 OR h.status = 304),
-           h.path, h.status, h.bytes, h.visitor, h.session_id, h.country, h.source_kind, h.source, h.search_terms,
-           h.device, h.browser, h.os, h.bot, h.engaged_secs, h.response_us
+    SELECT h.engaged_secs IS NOT NULL AND h.method IS NOT DISTINCT FROM 'BEACON',
+           h.is_page IS TRUE AND h.bot IS NULL AND (h.status BETWEEN 200 AND 299 OR h.status = 304) IS TRUE
+               AND h.method IS NOT DISTINCT FROM 'GET',
+           h.at, h.path, h.status, h.bytes, h.visitor, h.session_id, h.country, h.source_kind, h.source,
+           h.search_terms, h.device, h.browser, h.os, h.bot, h.engaged_secs, h.response_us
     FROM tarn.hits h
     -- Compared as pairs, which only the index on (site_id, at) can serve: of two plain conditions the planner may
     -- take the time to the index on (at) and read what every other site had that day.
@@ -81,114 +93,317 @@ COMMENT ON FUNCTION tarn.hits_of_day(integer, date) IS
     'engagement report of the tracking snippet (any client can send the method alone); is_view, a page that a person '
     'was shown';
 
-CREATE OR REPLACE FUNCTION tarn.rollup_day(site_id integer, day date) RETURNS void
+CREATE OR REPLACE FUNCTION tarn.count_day(site_id integer, day date) RETURNS boolean
 LANGUAGE plpgsql VOLATILE STRICT
 SET search_path = pg_catalog, pg_temp
 -- Statistics lag behind on the very day that is being counted. These keep a wrong guess about it harmless: no scan of
--- a whole table, no join but by hash (the others would compare each value with each, a matter of minutes for a site
--- with tens of thousands of pages), no compiling of a query that takes milliseconds.
+-- a whole table, no join and no grouping but by hash (other joins would compare each value with each, a matter of
+-- minutes for a site with tens of thousands of pages), no compiling of a query that takes milliseconds.
 SET enable_seqscan = off
 SET enable_nestloop = off
 SET enable_mergejoin = off
+SET enable_sort = off
 SET jit = off
+-- For each step of the statement; what does not fit goes through files.
+SET work_mem = '64MB'
 AS $$
+DECLARE
+    started   CONSTANT timestamptz := clock_timestamp();
+    here      CONSTANT text := current_setting('TimeZone');
+    this_day  CONSTANT timestamptz := tarn.day_start(count_day.day);
+    next_day  CONSTANT timestamptz := tarn.day_start(count_day.day + 1);
+    new_hits  bigint;
+    took_ms   integer;
 BEGIN
     -- Hits that are on their way hold the mark of their day; it is left to the next call. A roll-up that waited for
     -- them could wait in a circle: they lock their days in the order of the log, it in that of its caller.
-    PERFORM FROM tarn.rollup_due d
-    WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day FOR UPDATE SKIP LOCKED;
+    SELECT d.hits INTO new_hits FROM tarn.rollup_due d
+    WHERE d.site_id = count_day.site_id AND d.day = count_day.day FOR UPDATE SKIP LOCKED;
     IF NOT FOUND THEN
-        RETURN;
+        RETURN false;
     END IF;
-    DELETE FROM tarn.rollup_due d WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day;
+    DELETE FROM tarn.rollup_due d WHERE d.site_id = count_day.site_id AND d.day = count_day.day;
 
-    INSERT INTO tarn.site_days AS s
-        (site_id, day, hits, page_views, visitors, sessions, bot_hits, bytes, errors_4xx, errors_5xx,
-         engaged_seconds, response_us_median, response_us_p95, raw_hits)
-    SELECT rollup_day.site_id, rollup_day.day,
-           f.hits, f.page_views, f.visitors, f.sessions, f.bot_hits,
-           least(f.bytes, 9223372036854775807)::bigint,
-           f.errors_4xx, f.errors_5xx, f.engaged_seconds, f.response_us[1], f.response_us[2], f.raw_hits
-    FROM (
-        SELECT count(*) FILTER (WHERE NOT h.is_beacon) AS hits,
-               count(*) FILTER (WHERE h.is_view) AS page_views,
-               count(DISTINCT h.visitor) FILTER (WHERE h.is_view OR h.is_beacon AND h.bot IS NULL) AS visitors,
-               count(DISTINCT nullif(h.session_id, 0))
-                   FILTER (WHERE h.is_view OR h.is_beacon AND h.bot IS NULL) AS sessions,
-               count(*) FILTER (WHERE NOT h.is_beacon AND h.bot IS NOT NULL) AS bot_hits,
-               coalesce(sum(greatest(h.bytes, 0)) FILTER (WHERE NOT h.is_beacon), 0) AS bytes,
-               count(*) FILTER (WHERE NOT h.is_beacon AND h.status BETWEEN 400 AND 499) AS errors_4xx,
-               count(*) FILTER (WHERE NOT h.is_beacon AND h.status BETWEEN 500 AND 599) AS errors_5xx,
+    -- One statement, so that all figures are of the same moment. It goes over the day three times, each time taking
+    -- little of each row: to keep a million rows for a second look costs more than to look at them again.
+    WITH request AS MATERIALIZED (
+        SELECT h.is_beacon, h.visitor, h.status, h.bot, count(*) AS hits, sum(greatest(h.bytes, 0)) AS bytes
+        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
+        GROUP BY h.is_beacon, h.visitor, h.status, h.bot
+    ), response AS MATERIALIZED (
+        SELECT percentile_disc(ARRAY[0.5, 0.95]) WITHIN GROUP (ORDER BY h.response_us) AS us
+        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
+        WHERE h.response_us > 0 AND NOT h.is_beacon
+    ), page AS MATERIALIZED (
+        SELECT h.is_view, h.is_beacon, h.visitor, h.bot IS NULL AS is_person, h.at, h.path,
+               nullif(h.session_id, 0) AS session_id,
+               CASE WHEN h.response_us > 0 THEN h.response_us END AS response_us,
                -- NaN is greater than every number here; the cap is what the collector lets through
-               coalesce(sum(least(h.engaged_secs, 21600))
-                   FILTER (WHERE h.is_beacon AND h.bot IS NULL AND h.engaged_secs > 0
-                             AND h.engaged_secs <> 'NaN'), 0) AS engaged_seconds,
-               percentile_disc(ARRAY[0.5, 0.95]) WITHIN GROUP (ORDER BY h.response_us)
-                   FILTER (WHERE NOT h.is_beacon AND h.response_us > 0) AS response_us,
-               count(*) AS raw_hits
-        FROM tarn.hits_of_day(rollup_day.site_id, rollup_day.day) h
-    ) f
-    ON CONFLICT ON CONSTRAINT site_days_pkey DO UPDATE SET
-        hits = excluded.hits, page_views = excluded.page_views, visitors = excluded.visitors,
-        sessions = excluded.sessions, bot_hits = excluded.bot_hits, bytes = excluded.bytes,
-        errors_4xx = excluded.errors_4xx, errors_5xx = excluded.errors_5xx,
-        engaged_seconds = excluded.engaged_seconds, response_us_median = excluded.response_us_median,
-        response_us_p95 = excluded.response_us_p95, raw_hits = excluded.raw_hits, updated_at = now()
-    WHERE excluded.raw_hits >= s.raw_hits;
-    IF NOT FOUND THEN
-        RETURN;
-    END IF;
-
-    -- Most values have not moved since half a minute ago; only those that have are written.
-    WITH view AS MATERIALIZED (
-        SELECT path, source_kind, source, search_terms, country, device, browser, os, visitor
-        FROM tarn.hits_of_day(rollup_day.site_id, rollup_day.day) WHERE is_view
-    ), request AS MATERIALIZED (
-        SELECT visitor, status, bot, count(*) AS hits
-        FROM tarn.hits_of_day(rollup_day.site_id, rollup_day.day) WHERE NOT is_beacon
-        GROUP BY visitor, status, bot
-    ), by_visitor AS (
-        SELECT 'path' AS dimension, path AS value, visitor, count(*) AS hits FROM view GROUP BY 2, 3
+               CASE WHEN h.is_beacon AND h.engaged_secs > 0 AND h.engaged_secs <> 'NaN'
+                    THEN least(h.engaged_secs, 21600) END AS engaged_secs,
+               h.status IN (404, 410) AS is_missing,
+               h.country, h.source_kind, h.source, h.search_terms, h.device, h.browser, h.os
+        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
+        WHERE h.is_view OR h.is_beacon OR h.status IN (404, 410)
+    ), client AS MATERIALIZED (
+        SELECT visitor, country, device, browser, os, count(*) AS hits FROM page WHERE is_view
+        GROUP BY visitor, country, device, browser, os
+    ), origin AS MATERIALIZED (
+        SELECT visitor, source_kind, source, search_terms, count(*) AS hits FROM page WHERE is_view
+        GROUP BY visitor, source_kind, source, search_terms
+    ), path AS MATERIALIZED (
+        SELECT path AS value, visitor, count(*) AS hits FROM page WHERE is_view AND path <> '' GROUP BY path, visitor
+    ), session AS MATERIALIZED (
+        SELECT session_id, count(*) FILTER (WHERE is_view) AS views, bool_or(is_person) AS is_person,
+               coalesce(max(engaged_secs), 0) > 10 AS stayed, min(at) FILTER (WHERE is_view) AS first_view
+        FROM page WHERE session_id IS NOT NULL AND (is_view OR is_beacon) GROUP BY session_id
+    ), entry AS MATERIALIZED (
+        SELECT DISTINCT ON (p.session_id) p.visitor, p.path
+        FROM page p JOIN session s ON s.session_id = p.session_id AND s.first_view = p.at
+        WHERE p.is_view
+        ORDER BY p.session_id, p.path COLLATE "C", p.visitor
+    ), by_visitor AS NOT MATERIALIZED (
+        SELECT 'path' AS dimension, value, '' AS part_of, visitor, hits FROM path
         UNION ALL
-        SELECT 'source_kind', source_kind, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'entry_path', path, '', visitor, count(*) FROM entry WHERE path <> '' GROUP BY path, visitor
         UNION ALL
-        SELECT 'source', source, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'missing_path', path, '', visitor, count(*) FROM page
+        WHERE NOT is_beacon AND is_missing AND path <> '' GROUP BY path, visitor
         UNION ALL
-        SELECT 'search_terms', search_terms, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'source_kind', source_kind, '', visitor, sum(hits) FROM origin WHERE source_kind <> '' GROUP BY 2, 4
         UNION ALL
-        SELECT 'country', country, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'source', source, coalesce(source_kind, ''), visitor, sum(hits) FROM origin
+        WHERE source <> '' AND source_kind IS DISTINCT FROM 'campaign' GROUP BY 2, 3, 4
         UNION ALL
-        SELECT 'device', device, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'campaign', search_terms, coalesce(source, ''), visitor, sum(hits) FROM origin
+        WHERE search_terms <> '' AND source_kind = 'campaign' GROUP BY 2, 3, 4
         UNION ALL
-        SELECT 'browser', browser, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'campaign_source', source, '', visitor, sum(hits) FROM origin
+        WHERE source <> '' AND source_kind = 'campaign' GROUP BY 2, 4
         UNION ALL
-        SELECT 'os', os, visitor, count(*) FROM view GROUP BY 2, 3
+        SELECT 'search_terms', search_terms, '', visitor, sum(hits) FROM origin
+        WHERE search_terms <> '' AND source_kind = 'search' GROUP BY 2, 4
         UNION ALL
-        SELECT 'bot', bot, visitor, sum(hits) FROM request GROUP BY 2, 3
+        SELECT 'country', country, '', visitor, sum(hits) FROM client WHERE country <> '' GROUP BY 2, 4
         UNION ALL
-        SELECT 'status', status::text, visitor, sum(hits) FROM request GROUP BY 2, 3
+        SELECT 'device', device, '', visitor, sum(hits) FROM client WHERE device <> '' GROUP BY 2, 4
+        UNION ALL
+        SELECT 'browser', browser, '', visitor, sum(hits) FROM client WHERE browser <> '' GROUP BY 2, 4
+        UNION ALL
+        SELECT 'os', os, '', visitor, sum(hits) FROM client WHERE os <> '' GROUP BY 2, 4
+        UNION ALL
+        SELECT 'hour', lpad(hour::text, 2, '0'), '', visitor, hits
+        FROM (SELECT extract(hour FROM at)::integer AS hour, visitor, count(*) AS hits
+              FROM page WHERE is_view GROUP BY 1, 2) h
+        UNION ALL
+        SELECT 'bot', bot, '', visitor, sum(hits) FROM request WHERE NOT is_beacon AND bot <> '' GROUP BY 2, 4
+        UNION ALL
+        SELECT 'status', status::text, '', visitor, sum(hits) FROM request
+        WHERE NOT is_beacon AND status IS NOT NULL GROUP BY 2, 4
+    ), total AS MATERIALIZED (
+        SELECT dimension, value, part_of, sum(hits)::bigint AS hits, count(visitor) AS visitors
+        FROM by_visitor GROUP BY dimension, value, part_of
+    ), kept AS MATERIALIZED (
+        SELECT t.*, row_number() OVER () AS place
+        FROM (SELECT DISTINCT dimension FROM total) d
+        CROSS JOIN LATERAL (
+            SELECT * FROM total WHERE total.dimension = d.dimension
+            ORDER BY total.hits DESC, total.visitors DESC, total.value COLLATE "C", total.part_of COLLATE "C"
+            LIMIT 1000) t
+    ), rest AS MATERIALIZED (
+        -- An array, so that the dimensions that are complete are left out before they are computed once more.
+        SELECT b.dimension, sum(b.hits)::bigint AS hits, count(DISTINCT b.visitor) AS visitors
+        FROM by_visitor b
+        WHERE b.dimension = ANY (ARRAY(SELECT dimension FROM total GROUP BY dimension HAVING count(*) > 1000))
+          AND NOT EXISTS (SELECT FROM kept k
+                          WHERE k.dimension = b.dimension AND k.value = b.value AND k.part_of = b.part_of)
+        GROUP BY b.dimension
+    ), path_place AS MATERIALIZED (
+        SELECT t.value, coalesce(k.place, 0) AS place
+        FROM (SELECT value FROM total WHERE dimension = 'path') t
+        LEFT JOIN (SELECT value, place FROM kept WHERE dimension = 'path') k ON k.value = t.value
+    ), path_response AS MATERIALIZED (
+        SELECT l.place, percentile_disc(0.95) WITHIN GROUP (ORDER BY p.response_us) AS p95
+        FROM page p JOIN path_place l ON l.value = p.path
+        WHERE p.is_view AND p.response_us IS NOT NULL GROUP BY l.place
+    ), path_attention AS MATERIALIZED (
+        SELECT l.place, sum(p.engaged_secs) AS seconds
+        FROM page p JOIN path_place l ON l.value = p.path
+        WHERE p.is_beacon AND p.is_person GROUP BY l.place
     ), fresh AS MATERIALIZED (
-        SELECT dimension, value, sum(hits)::bigint AS hits, count(visitor) AS visitors
-        FROM by_visitor WHERE value <> '' GROUP BY dimension, value
+        SELECT v.dimension, v.value, v.part_of, v.hits, v.visitors,
+               CASE WHEN v.dimension = 'path' THEN coalesce(a.seconds, 0) END AS engaged_seconds,
+               r.p95 AS response_us_p95
+        FROM (SELECT dimension, value, part_of, hits, visitors, place FROM kept
+              UNION ALL
+              SELECT dimension, '', '', hits, visitors, CASE WHEN dimension = 'path' THEN 0 END FROM rest) v
+        LEFT JOIN path_attention a ON a.place = v.place
+        LEFT JOIN path_response r ON r.place = v.place
+    ), people AS (
+        SELECT visitor FROM client
+        UNION
+        SELECT visitor FROM page WHERE is_beacon AND is_person
+    ), figures AS (
+        SELECT coalesce(sum(hits) FILTER (WHERE NOT is_beacon), 0)::bigint AS hits,
+               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND bot IS NOT NULL), 0)::bigint AS bot_hits,
+               least(coalesce(sum(bytes) FILTER (WHERE NOT is_beacon), 0), 9223372036854775807)::bigint AS bytes,
+               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND status BETWEEN 400 AND 499), 0)::bigint AS errors_4xx,
+               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND status BETWEEN 500 AND 599), 0)::bigint AS errors_5xx,
+               coalesce(sum(hits), 0)::bigint AS raw_hits
+        FROM request
+    ), written AS (
+        INSERT INTO tarn.site_days AS s
+            (site_id, day, hits, page_views, visitors, sessions, bounces, bot_hits, bytes, errors_4xx, errors_5xx,
+             engaged_seconds, raw_hits, updated_at, response_us_median, response_us_p95, rollup_ms, zone)
+        SELECT count_day.site_id, count_day.day, f.hits,
+               (SELECT coalesce(sum(hits), 0) FROM client),
+               (SELECT count(visitor) FROM people),
+               (SELECT count(*) FILTER (WHERE is_person) FROM session),
+               (SELECT count(*) FILTER (WHERE views = 1 AND NOT stayed) FROM session),
+               f.bot_hits, f.bytes, f.errors_4xx, f.errors_5xx,
+               (SELECT coalesce(sum(engaged_secs) FILTER (WHERE is_beacon AND is_person), 0) FROM page),
+               f.raw_hits, now(), (SELECT us[1] FROM response), (SELECT us[2] FROM response), 0, here
+        FROM figures f
+        -- What has no hits any more stands as it is; what never had any gets no row.
+        WHERE f.raw_hits > 0
+          -- After a change of the zone: days that were counted in the other one and share hours with this one must have
+          -- their hits still, and those that have come for this one.
+          AND NOT EXISTS (
+              SELECT FROM tarn.site_days o,
+                   LATERAL (SELECT tarn.day_start(o.day, o.zone) AS first, tarn.day_start(o.day + 1, o.zone) AS next) r
+              WHERE o.site_id = count_day.site_id AND o.day BETWEEN count_day.day - 1 AND count_day.day + 1
+                AND o.zone <> here AND r.first < next_day AND r.next > this_day
+                AND CASE WHEN o.day = count_day.day
+                    THEN o.raw_hits + new_hits > (
+                        SELECT count(*) FROM tarn.hits h
+                        WHERE (h.site_id, h.at) >= (o.site_id, least(r.first, this_day))
+                          AND (h.site_id, h.at) < (o.site_id, greatest(r.next, next_day)))
+                    ELSE o.raw_hits > (
+                        SELECT count(*) FROM tarn.hits h
+                        WHERE (h.site_id, h.at) >= (o.site_id, r.first) AND (h.site_id, h.at) < (o.site_id, r.next))
+                    END)
+        ON CONFLICT ON CONSTRAINT site_days_pkey DO UPDATE SET
+            hits = excluded.hits, page_views = excluded.page_views, visitors = excluded.visitors,
+            sessions = excluded.sessions, bounces = excluded.bounces, bot_hits = excluded.bot_hits,
+            bytes = excluded.bytes, errors_4xx = excluded.errors_4xx, errors_5xx = excluded.errors_5xx,
+            engaged_seconds = excluded.engaged_seconds, raw_hits = excluded.raw_hits,
+            updated_at = excluded.updated_at, response_us_median = excluded.response_us_median,
+            response_us_p95 = excluded.response_us_p95, rollup_ms = excluded.rollup_ms, zone = excluded.zone
+        -- What stood behind the figures and all that came since: if some of it is gone, the figures stand.
+        WHERE s.zone <> excluded.zone OR excluded.raw_hits >= s.raw_hits + new_hits
+        RETURNING s.site_id
     ), stale AS (
+        -- Most values have not moved since half a minute ago; only those that have are written.
         DELETE FROM tarn.site_day_values v
-        WHERE v.site_id = rollup_day.site_id AND v.day = rollup_day.day
-          AND NOT EXISTS (SELECT FROM fresh f WHERE f.dimension = v.dimension AND f.value = v.value
-                             AND f.hits = v.hits AND f.visitors = v.visitors)
+        WHERE v.site_id = count_day.site_id AND v.day = count_day.day AND EXISTS (SELECT FROM written)
+          AND NOT EXISTS (SELECT FROM fresh f
+                          WHERE f.dimension = v.dimension AND f.value = v.value AND f.part_of = v.part_of
+                            AND f.hits = v.hits AND f.visitors = v.visitors
+                            AND coalesce(f.engaged_seconds, -1) = coalesce(v.engaged_seconds, -1)
+                            AND coalesce(f.response_us_p95, -1) = coalesce(v.response_us_p95, -1))
     )
-    INSERT INTO tarn.site_day_values (site_id, day, dimension, value, hits, visitors)
-    SELECT rollup_day.site_id, rollup_day.day, f.dimension, f.value, f.hits, f.visitors
+    INSERT INTO tarn.site_day_values
+        (site_id, day, dimension, value, part_of, hits, visitors, engaged_seconds, response_us_p95)
+    SELECT count_day.site_id, count_day.day, f.dimension, f.value, f.part_of, f.hits, f.visitors, f.engaged_seconds,
+           f.response_us_p95
     FROM fresh f
-    WHERE NOT EXISTS (SELECT FROM tarn.site_day_values v
-                      WHERE v.site_id = rollup_day.site_id AND v.day = rollup_day.day
-                        AND v.dimension = f.dimension AND v.value = f.value
-                        AND v.hits = f.hits AND v.visitors = f.visitors);
+    WHERE EXISTS (SELECT FROM written)
+      AND NOT EXISTS (SELECT FROM tarn.site_day_values v
+                      WHERE v.site_id = count_day.site_id AND v.day = count_day.day
+                        AND v.dimension = f.dimension AND v.value = f.value AND v.part_of = f.part_of
+                        AND v.hits = f.hits AND v.visitors = f.visitors
+                        AND coalesce(v.engaged_seconds, -1) = coalesce(f.engaged_seconds, -1)
+                        AND coalesce(v.response_us_p95, -1) = coalesce(f.response_us_p95, -1));
+
+    took_ms := 1000 * extract(epoch FROM clock_timestamp() - started);
+    IF took_ms > 500 THEN
+        UPDATE tarn.site_days s SET rollup_ms = took_ms, updated_at = clock_timestamp()
+        WHERE s.site_id = count_day.site_id AND s.day = count_day.day;
+    END IF;
+    RETURN true;
+END
+$$;
+COMMENT ON FUNCTION tarn.count_day(integer, date) IS
+    'What tarn.rollup_day does for each day: takes the day''s mark and puts its figures into tarn.site_days and '
+    'tarn.site_day_values, unless hits that figures stand for have been deleted since. False without a mark, or if an '
+    'insert holds it';
+
+CREATE OR REPLACE FUNCTION tarn.rollup_day(site_id integer, day date) RETURNS void
+LANGUAGE plpgsql VOLATILE STRICT
+SET search_path = pg_catalog, pg_temp
+SET enable_seqscan = off
+AS $$
+DECLARE
+    started  CONSTANT timestamptz := clock_timestamp();
+    due      record;
+    further  boolean := false;
+BEGIN
+    FOR due IN
+        SELECT d.day, false AS is_further FROM tarn.rollup_due d
+        WHERE d.site_id = rollup_day.site_id AND d.day = rollup_day.day
+        UNION ALL
+        (SELECT d.day, true FROM tarn.rollup_due d
+         WHERE d.site_id = rollup_day.site_id AND d.day <> rollup_day.day
+         ORDER BY d.site_id DESC, d.day DESC)
+    LOOP
+        -- Inserts wait for the marks that are taken here until the caller's transaction ends.
+        EXIT WHEN further AND clock_timestamp() >= started + interval '100 ms';
+        CONTINUE WHEN EXISTS (
+            SELECT FROM tarn.site_days s
+            WHERE s.site_id = rollup_day.site_id AND s.day = due.day AND s.rollup_ms > 0
+              AND s.updated_at + s.rollup_ms * interval '20 ms' > clock_timestamp());
+        IF tarn.count_day(rollup_day.site_id, due.day) THEN
+            further := further OR due.is_further;
+        END IF;
+    END LOOP;
 END
 $$;
 COMMENT ON FUNCTION tarn.rollup_day(integer, date) IS
-    'Brings tarn.site_days and tarn.site_day_values up to date for one site''s calendar day in the session''s time '
-    'zone. Does nothing, in a fraction of a millisecond, unless tarn.rollup_due holds the day and no insert holds that; keeps the figures that '
-    'stand if raw hits behind them have been deleted since';
+    'Brings tarn.site_days and tarn.site_day_values up to date: the day asked for, then further marked days of the '
+    'site, newest first, at least one and as many as 100 ms allow. A day of the session''s time zone. Does nothing '
+    'unless tarn.rollup_due holds a day, leaves days that an insert holds, and days whose last count took more than '
+    '500 ms until twenty times that has passed';
+
+CREATE OR REPLACE FUNCTION tarn.roll_up_before_delete() RETURNS trigger
+LANGUAGE plpgsql
+SET search_path = pg_catalog, pg_temp
+SET enable_seqscan = off
+AS $$
+DECLARE
+    zone  CONSTANT text := current_setting('TimeZone');
+    due   record;
+    held  boolean;
+BEGIN
+    -- Which hits are to go is not known here, so every marked day is counted, each in the zone that it was marked in.
+    FOR attempt IN 1 .. 10 LOOP
+        held := false;
+        FOR due IN SELECT d.site_id, d.day, d.zone FROM tarn.rollup_due d ORDER BY d.site_id, d.day LOOP
+            PERFORM set_config('TimeZone', due.zone, true);
+            CONTINUE WHEN tarn.count_day(due.site_id, due.day);
+            held := true;
+            -- An insert of another session has the mark. It is waited for, and what the waiting locks is let go at
+            -- once: an insert that waits for this session in turn could otherwise be the one that is given up.
+            BEGIN
+                PERFORM FROM tarn.rollup_due d WHERE d.site_id = due.site_id AND d.day = due.day FOR UPDATE;
+                RAISE EXCEPTION USING ERRCODE = 'TARN1';
+            EXCEPTION WHEN SQLSTATE 'TARN1' THEN
+            END;
+        END LOOP;
+        PERFORM set_config('TimeZone', zone, true);
+        IF NOT held THEN
+            RETURN NULL;
+        END IF;
+    END LOOP;
+    RAISE EXCEPTION 'hits that no roll-up has seen are still being stored; nothing was deleted'
+        USING HINT = 'Delete again when the import that goes on is done.';
+END
+$$;
+COMMENT ON FUNCTION tarn.roll_up_before_delete() IS
+    'Counts every marked day before hits are deleted, so that none goes that no figure has seen';
+
+CREATE OR REPLACE TRIGGER roll_up_before_delete BEFORE DELETE ON tarn.hits
+    FOR EACH STATEMENT EXECUTE FUNCTION tarn.roll_up_before_delete();
+
 REVOKE EXECUTE ON ALL FUNCTIONS IN SCHEMA tarn FROM PUBLIC;
 
 COMMIT;

@@ -37,8 +37,8 @@ GRANT SELECT, INSERT, TRUNCATE ON tarn.geo_country TO :"collector";
 GRANT SELECT, INSERT, UPDATE, DELETE ON tarn.rollup_due TO :"collector";
 GRANT SELECT, INSERT, UPDATE ON tarn.site_days TO :"collector";
 GRANT SELECT, INSERT, DELETE ON tarn.site_day_values TO :"collector";
-GRANT EXECUTE ON FUNCTION tarn.day_start(date), tarn.hits_of_day(integer, date), tarn.rollup_day(integer, date)
-    TO :"collector";
+GRANT EXECUTE ON FUNCTION tarn.day_start(date), tarn.day_start(date, text), tarn.hits_of_day(integer, date),
+    tarn.count_day(integer, date), tarn.rollup_day(integer, date) TO :"collector";
 
 -- INSERT and DELETE of the first serve connecting and disconnecting, which the same module does for the panel.
 GRANT SELECT, INSERT, UPDATE (account_email, refresh_token, connected_at, last_sync_at, last_result), DELETE
