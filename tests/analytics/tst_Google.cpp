@@ -756,6 +756,11 @@ private Q_SLOTS:
         QFETCH(const QByteArray, entries);
         QFETCH(const QStringList, hosts);
         QFETCH(const QString, mapped);
+        // What the table refuses can still stand in a database that is older than its check. Gone after the
+        // first row.
+        if (scalar(u"SELECT count(*) FROM pg_constraint WHERE conname = 'sites_host_is_a_lower_case_name'"_s)
+            != u"0"_s)
+            run(u"ALTER TABLE tarn.sites DROP CONSTRAINT sites_host_is_a_lower_case_name"_s);
         for (int i = 0; i < hosts.size(); ++i)
             haveSite(i + 1, hosts.at(i));
         m_hosts.expect(exchangeRequest(),

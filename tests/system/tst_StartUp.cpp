@@ -262,6 +262,8 @@ private Q_SLOTS:
     void keepsHitsForEverByDefault()
     {
         QFETCH(const QString, days);
+        // What the table refuses can still stand in a database that is older than its check.
+        run(u"ALTER TABLE tarn.settings DROP CONSTRAINT settings_raw_hit_days_is_a_number"_s);
         if (!days.isEmpty())
             run(u"INSERT INTO tarn.settings VALUES ('raw_hit_days', '%1')"_s.arg(days));
         run(u"INSERT INTO tarn.hits (site_id, at) VALUES (1, '1999-12-31')"_s);
