@@ -404,6 +404,89 @@ COMMENT ON FUNCTION tarn.roll_up_before_delete() IS
 CREATE OR REPLACE TRIGGER roll_up_before_delete BEFORE DELETE ON tarn.hits
     FOR EACH STATEMENT EXECUTE FUNCTION tarn.roll_up_before_delete();
 
+
+-- Health of the host
+
+CREATE OR REPLACE FUNCTION tarn.count_sample() RETURNS trigger
+LANGUAGE plpgsql
+SET search_path = pg_catalog, pg_temp
+AS $$
+DECLARE
+    -- Within bounds in which no sum or quotient below can leave the range of its type: the sample itself would be
+    -- lost with the statement. Not a number is greater than any here.
+    m CONSTANT double precision[] := ARRAY(
+        SELECT CASE WHEN x BETWEEN 1e-9 AND 1e15 THEN x WHEN x BETWEEN 0 AND 1e-9 THEN 0 END
+        FROM unnest(ARRAY[NEW.load1, NEW.cpu_pct, NEW.net_rx_bps, NEW.net_tx_bps, NEW.apache_rps])
+            WITH ORDINALITY rates (x, place)
+        ORDER BY place);
+    seconds CONSTANT double precision := (
+        SELECT least(extract(epoch FROM NEW.at) - extract(epoch FROM s.at), 1e9)
+        FROM tarn.host_samples s WHERE s.at <= NEW.at ORDER BY s.at DESC LIMIT 1);
+BEGIN
+    INSERT INTO tarn.host_days AS d
+        (day, samples, load1_avg, load1_max, cpu_pct_avg, cpu_pct_max, mem_used_pct_max, disk_used_pct_last,
+         net_rx_bytes, net_tx_bytes, apache_requests, zone, load1_samples, cpu_pct_samples)
+    SELECT NEW.at::date, 1, m[1], m[1], m[2], m[2],
+           (NEW.mem_total_kb::double precision - NEW.mem_avail_kb) * 100 / nullif(NEW.mem_total_kb, 0),
+           (NEW.disk_total_bytes::double precision - NEW.disk_avail_bytes) * 100 / nullif(NEW.disk_total_bytes, 0),
+           least(coalesce(m[3] * seconds, 0)::numeric, 9223372036854775807)::bigint,
+           least(coalesce(m[4] * seconds, 0)::numeric, 9223372036854775807)::bigint,
+           least(coalesce(m[5] * seconds, 0)::numeric, 9223372036854775807)::bigint,
+           current_setting('TimeZone'), (m[1] IS NOT NULL)::integer, (m[2] IS NOT NULL)::integer
+    ON CONFLICT (day) DO UPDATE SET
+        samples = d.samples + 1,
+        load1_avg = coalesce(d.load1_avg + (excluded.load1_avg - d.load1_avg) / (d.load1_samples + 1),
+                             excluded.load1_avg, d.load1_avg),
+        load1_max = greatest(d.load1_max, excluded.load1_max),
+        cpu_pct_avg = coalesce(d.cpu_pct_avg + (excluded.cpu_pct_avg - d.cpu_pct_avg) / (d.cpu_pct_samples + 1),
+                               excluded.cpu_pct_avg, d.cpu_pct_avg),
+        cpu_pct_max = greatest(d.cpu_pct_max, excluded.cpu_pct_max),
+        mem_used_pct_max = greatest(d.mem_used_pct_max, excluded.mem_used_pct_max),
+        disk_used_pct_last = coalesce(excluded.disk_used_pct_last, d.disk_used_pct_last),
+        net_rx_bytes = least(d.net_rx_bytes::numeric + excluded.net_rx_bytes, 9223372036854775807)::bigint,
+        net_tx_bytes = least(d.net_tx_bytes::numeric + excluded.net_tx_bytes, 9223372036854775807)::bigint,
+        apache_requests = least(d.apache_requests::numeric + excluded.apache_requests, 9223372036854775807)::bigint,
+        zone = excluded.zone,
+        load1_samples = d.load1_samples + excluded.load1_samples,
+        cpu_pct_samples = d.cpu_pct_samples + excluded.cpu_pct_samples;
+    RETURN NEW;
+END
+$$;
+COMMENT ON FUNCTION tarn.count_sample() IS 'Adds a new sample to its day in tarn.host_days';
+
+-- Before the insert, so that the sample before it is the latest row that the function finds.
+CREATE OR REPLACE TRIGGER count_sample BEFORE INSERT ON tarn.host_samples
+    FOR EACH ROW EXECUTE FUNCTION tarn.count_sample();
+
+
+-- Hosting accounts
+
+CREATE OR REPLACE FUNCTION tarn.note_account_use() RETURNS trigger
+LANGUAGE plpgsql
+SET search_path = pg_catalog, pg_temp
+AS $$
+BEGIN
+    -- A measurement without this account's home leaves the old size in place and is none of today's.
+    IF (NEW.disk_used_bytes, NEW.disk_checked_at) IS NOT DISTINCT FROM (OLD.disk_used_bytes, OLD.disk_checked_at) THEN
+        NEW.disk_used_bytes := NULL;
+        IF NEW.db_used_bytes IS NULL AND OLD.db_used_bytes IS NULL THEN
+            RETURN NULL;
+        END IF;
+    END IF;
+    INSERT INTO tarn.account_days AS d (username, day, disk_used_bytes, db_used_bytes)
+    VALUES (NEW.username, current_date, NEW.disk_used_bytes, NEW.db_used_bytes)
+    ON CONFLICT (username, day) DO UPDATE SET
+        disk_used_bytes = coalesce(excluded.disk_used_bytes, d.disk_used_bytes),
+        db_used_bytes = excluded.db_used_bytes;
+    RETURN NULL;
+END
+$$;
+COMMENT ON FUNCTION tarn.note_account_use() IS 'Keeps a measurement of an account in tarn.account_days';
+
+CREATE OR REPLACE TRIGGER note_account_use AFTER UPDATE OF disk_used_bytes, db_used_bytes ON tarn.accounts
+    FOR EACH ROW EXECUTE FUNCTION tarn.note_account_use();
+
+
 REVOKE EXECUTE ON ALL FUNCTIONS IN SCHEMA tarn FROM PUBLIC;
 
 COMMIT;

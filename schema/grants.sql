@@ -47,8 +47,10 @@ GRANT SELECT, INSERT, UPDATE (property), DELETE ON tarn.search_properties TO :"c
 GRANT SELECT, INSERT, DELETE ON tarn.search_days, tarn.search_rows TO :"collector";
 
 GRANT SELECT, INSERT, DELETE ON tarn.host_samples TO :"collector";
+GRANT SELECT, INSERT, UPDATE ON tarn.host_days TO :"collector";
 GRANT SELECT, INSERT, UPDATE (message, closed_at) ON tarn.alerts TO :"collector";
 GRANT SELECT, UPDATE (disk_used_bytes, disk_checked_at, db_used_bytes, db_readonly) ON tarn.accounts TO :"collector";
+GRANT SELECT, INSERT, UPDATE ON tarn.account_days TO :"collector";
 
 -- Which of the server's sessions are clients, and the sizes of databases that it may not connect to.
 GRANT pg_read_all_stats TO :"collector";

@@ -150,7 +150,8 @@ private Q_SLOTS:
         };
         QCOMPARE(
             tables(u"true"_s),
-            u"accounts alerts country_codes engine_accounts geo_country hits host_samples log_sources "
+            u"account_days accounts alerts country_codes engine_accounts geo_country hits host_days "
+            u"host_samples log_sources "
             "rollup_due schema_migrations search_days search_properties search_rows settings site_day_values "
             "site_days sites"_s);
         QCOMPARE(tables(u"obj_description(oid, 'pg_class') IS NULL"_s), QString());
