@@ -48,7 +48,7 @@ CREATE TABLE tarn.settings (
 COMMENT ON TABLE tarn.settings IS
     'What is set at run time rather than in the settings file. visitor_secret: mixed into every visitor id, read once '
     'at the collector''s start. raw_hit_days: days to keep the rows of tarn.hits; absent or not positive: for ever. '
-    'geoip_month: month (yyyy-MM) of what tarn.geo_country holds';
+    'geoip_month: month (yyyy-MM) of what tarn.geo_country holds. Policies decide who sees and sets which key';
 
 -- 256 bits, new in every database: whoever knows the secret can try out addresses against stored visitor ids. The
 -- ids of gen_random_uuid() come from the server's cryptographic source, 122 bits each; three of them fill the hash.

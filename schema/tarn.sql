@@ -50,7 +50,7 @@ CREATE TABLE tarn.settings (
 COMMENT ON TABLE tarn.settings IS
     'What is set at run time rather than in the settings file. visitor_secret: mixed into every visitor id, read once '
     'at the collector''s start. raw_hit_days: days to keep the rows of tarn.hits; absent or not positive: for ever. '
-    'geoip_month: month (yyyy-MM) of what tarn.geo_country holds';
+    'geoip_month: month (yyyy-MM) of what tarn.geo_country holds. Policies decide who sees and sets which key';
 
 -- 256 bits, new in every database: whoever knows the secret can try out addresses against stored visitor ids. The
 -- ids of gen_random_uuid() come from the server's cryptographic source, 122 bits each; three of them fill the hash.
@@ -977,6 +977,23 @@ CREATE OR REPLACE TRIGGER roll_up_before_delete BEFORE DELETE ON tarn.hits
     FOR EACH STATEMENT EXECUTE FUNCTION tarn.roll_up_before_delete();
 
 
+-- Figures for those who may not read hits
+
+-- A view reads with its owner's rights. security_barrier keeps a reader's own functions from seeing the rows behind it.
+CREATE OR REPLACE VIEW tarn.live_visitors WITH (security_barrier) AS
+SELECT h.site_id, count(DISTINCT h.visitor) AS visitors
+FROM tarn.hits h
+WHERE h.at > now() - interval '5 minutes' AND h.at <= now() AND h.bot IS NULL
+  AND (h.is_page AND h.method = 'GET' AND (h.status BETWEEN 200 AND 299 OR h.status = 304)
+       OR h.method = 'BEACON' AND h.engaged_secs IS NOT NULL)
+GROUP BY h.site_id;
+COMMENT ON VIEW tarn.live_visitors IS
+    'Visitors of the last five minutes by site: distinct over views and people''s beacons, as in tarn.site_days. A '
+    'site without any has no row';
+COMMENT ON COLUMN tarn.live_visitors.site_id IS 'tarn.sites.id';
+COMMENT ON COLUMN tarn.live_visitors.visitors IS 'How many; which is for those who may read tarn.hits';
+
+
 -- Health of the host
 
 CREATE OR REPLACE FUNCTION tarn.count_sample() RETURNS trigger
@@ -1057,6 +1074,23 @@ COMMENT ON FUNCTION tarn.note_account_use() IS 'Keeps a measurement of an accoun
 
 CREATE OR REPLACE TRIGGER note_account_use AFTER UPDATE OF disk_used_bytes, db_used_bytes ON tarn.accounts
     FOR EACH ROW EXECUTE FUNCTION tarn.note_account_use();
+
+
+-- Who sees and sets which setting, beside the rights on the table
+
+-- By rights rather than by name, so that roles can come and go, and nobody who is granted the table gets the secret
+-- with it. It is for whoever writes hits, and set by the owner alone. Managing settings is for whoever may delete them.
+SET LOCAL client_min_messages = warning; -- nothing about policies that are not there yet
+ALTER TABLE tarn.settings ENABLE ROW LEVEL SECURITY;
+DROP POLICY IF EXISTS settings_seen ON tarn.settings;
+CREATE POLICY settings_seen ON tarn.settings FOR SELECT USING (
+    CASE key WHEN 'geoip_month' THEN true
+             WHEN 'raw_hit_days' THEN true
+             WHEN 'visitor_secret' THEN has_any_column_privilege('tarn.hits'::regclass, 'INSERT')
+             ELSE has_table_privilege('tarn.settings'::regclass, 'DELETE') END);
+DROP POLICY IF EXISTS settings_set ON tarn.settings;
+CREATE POLICY settings_set ON tarn.settings USING (
+    key = 'geoip_month' OR key <> 'visitor_secret' AND has_table_privilege('tarn.settings'::regclass, 'DELETE'));
 
 
 REVOKE EXECUTE ON ALL FUNCTIONS IN SCHEMA tarn FROM PUBLIC;

@@ -1,4 +1,4 @@
-// Every statement with which the collector touches the database, with values as it binds them.
+// Every statement with which the collector and its modules touch the database, with values as they bind them.
 #pragma once
 
 #include <QDate>
@@ -74,11 +74,6 @@ inline const Statement kStatements[] = {
      {u"2024-05"_s}},
 
     // Search engines
-    {"connect",
-     u"INSERT INTO tarn.engine_accounts (engine, account_email, refresh_token) VALUES ('google', ?, ?) "
-     "ON CONFLICT (engine) DO UPDATE SET account_email = excluded.account_email, "
-     "refresh_token = excluded.refresh_token, connected_at = now(), last_result = NULL"_s,
-     {QVariant(), u"token"_s}},
     {"token", u"SELECT refresh_token FROM tarn.engine_accounts WHERE engine = 'google'"_s, {}},
     {"record",
      u"UPDATE tarn.engine_accounts SET last_sync_at = now(), last_result = ? WHERE engine = 'google'"_s,
@@ -110,8 +105,6 @@ inline const Statement kStatements[] = {
      "(?, ?, CAST(? AS date), ?, ?, (SELECT alpha2 FROM tarn.country_codes WHERE alpha3 = ?), ?, ?, ?, ?)"_s,
      {1, u"google"_s, u"2024-05-05"_s, u"mountain lake"_s, u"/"_s, u"deu"_s, u"mobile"_s, 3, 30, 1.5,
       1, u"google"_s, u"2024-05-05"_s, QVariant(), QVariant(), u"zzz"_s, QVariant(), 4, 40, 2.5}},
-    {"unmap", u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s, {}},
-    {"disconnect", u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s, {}},
 
     // Health of the host
     {"transactions", u"SELECT sum(xact_commit + xact_rollback) FROM pg_stat_database"_s, {}},
@@ -151,6 +144,23 @@ inline const Statement kStatements[] = {
      u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ? AND db_readonly <> ?"_s,
      {true, u"alice"_s, true}},
     {"readonly", u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ?"_s, {false, u"alice"_s}},
+};
+
+/// What the suite's panel does through the same module, when somebody connects or disconnects a search engine.
+inline const Statement kConnectionStatements[] = {
+    {"connect",
+     u"INSERT INTO tarn.engine_accounts (engine, account_email, refresh_token) VALUES ('google', ?, ?) "
+     "ON CONFLICT (engine) DO UPDATE SET account_email = excluded.account_email, "
+     "refresh_token = excluded.refresh_token, connected_at = now(), last_result = NULL"_s,
+     {QVariant(), u"token"_s}},
+    {"token", u"SELECT refresh_token FROM tarn.engine_accounts WHERE engine = 'google'"_s, {}},
+    {"hosts", u"SELECT id, host FROM tarn.sites"_s, {}},
+    {"property",
+     u"INSERT INTO tarn.search_properties VALUES (?, 'google', ?) "
+     "ON CONFLICT (site_id, engine) DO UPDATE SET property = excluded.property"_s,
+     {1, u"sc-domain:example.org"_s}},
+    {"unmap", u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s, {}},
+    {"disconnect", u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s, {}},
 };
 // clang-format on
 

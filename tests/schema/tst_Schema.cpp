@@ -1,4 +1,3 @@
-#include "CollectorStatements.h"
 #include "Probe.h"
 #include "support/PostgresServer.h"
 
@@ -38,32 +37,10 @@ private:
     static QString scalar(const QString& statement) { return test::value(session(), statement); }
     static void run(const QString& statement) { test::run(session(), statement); }
 
-    /// As the collector does: what binds nothing is sent as it stands.
-    static bool execute(QSqlQuery& query, const test::Statement& statement)
-    {
-        if (statement.values.isEmpty())
-            return query.exec(statement.text);
-        query.prepare(statement.text);
-        for (const QVariant& bound : statement.values)
-            query.addBindValue(bound);
-        return query.exec();
-    }
-
     static void makeRole(const QString& role)
     {
         run(u"DO $$ BEGIN CREATE ROLE %1 LOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$"_s.arg(
             role));
-    }
-
-    /// A session of a role that has what grants.sql gives, on the database of the test.
-    QSqlDatabase grantedSession()
-    {
-        makeRole(u"tarn_collect"_s);
-        const QString errors = m_server.runFile(session().databaseName(), test::schemaFile(u"grants.sql"_s),
-                                                {u"-v"_s, u"collector=tarn_collect"_s});
-        if (!errors.isEmpty())
-            QTest::qFail(qPrintable(errors), __FILE__, __LINE__);
-        return m_server.connect(session().databaseName(), u"other"_s, u"tarn_collect"_s);
     }
 
     test::PostgresServer m_server;
@@ -265,75 +242,7 @@ private Q_SLOTS:
         QVERIFY(test::pagesOf(session(), u"tarn.geo_country"_s) > 1000);
     }
 
-    // The collector's role
-
-    void grantsSufficeForEveryStatement()
-    {
-        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);
-        run(u"INSERT INTO tarn.log_sources (id, site_id, path) VALUES (1, 1, '/var/log/apache2/access.log')"_s);
-        run(u"INSERT INTO tarn.accounts (username, domain) VALUES ('alice', 'alice.example')"_s);
-        const QSqlDatabase limited = grantedSession();
-        QVERIFY(limited.isOpen());
-
-        QStringList refused;
-        for (const test::Statement& statement : test::kStatements) {
-            QSqlQuery query(limited);
-            if (!execute(query, statement))
-                refused.append(QLatin1StringView(statement.name) + u": "_s + query.lastError().text());
-        }
-
-        QCOMPARE(refused.join(u'\n'), QString());
-        QCOMPARE(scalar(u"SELECT message FROM tarn.alerts WHERE closed_at IS NOT NULL"_s),
-                 u"Memory 95% used"_s);
-        QCOMPARE(scalar(u"SELECT hits FROM tarn.site_days"_s), u"1"_s);
-        QCOMPARE(scalar(u"SELECT string_agg(concat_ws(' ', query, page, country, device, clicks), ', ' "
-                        "ORDER BY clicks) FROM tarn.search_rows"_s),
-                 u"mountain lake / DE mobile 3, 4"_s);
-        QCOMPARE(scalar(u"SELECT read_offset FROM tarn.log_sources"_s), u"8192"_s);
-        QCOMPARE(scalar(u"SELECT disk_used_bytes FROM tarn.accounts"_s), u"1000000"_s);
-    }
-
-    void grantedRoleSeesClientsAndSizesOfOthers()
-    {
-        QSqlDatabase limited = grantedSession();
-        // The tests' own session is another role's.
-        QVERIFY(test::value(limited, u"SELECT count(*) FROM pg_stat_activity "
-                                     "WHERE backend_type = 'client backend' AND usename = 'postgres'"_s)
-                    .toInt()
-                >= 1);
-        const QString name = m_server.createEmptyDatabase();
-        run(u"REVOKE CONNECT ON DATABASE %1 FROM PUBLIC"_s.arg(name));
-        QVERIFY(test::value(limited, u"SELECT pg_database_size('%1')"_s.arg(name)).toLongLong() > 0);
-    }
-
-    void grantsGiveNothingBeyond()
-    {
-        const QSqlDatabase limited = grantedSession();
-        QStringList allowed;
-        for (const QString& statement : {
-                 u"CREATE TABLE tarn.t ()"_s,
-                 u"DROP TABLE tarn.hits"_s,
-                 u"INSERT INTO tarn.sites (host) VALUES ('example.net')"_s,
-                 u"UPDATE tarn.hits SET path = '/'"_s,
-                 u"TRUNCATE tarn.hits"_s,
-                 u"UPDATE tarn.log_sources SET path = '/etc/shadow'"_s,
-                 u"UPDATE tarn.schema_migrations SET version = 12"_s,
-                 u"DELETE FROM tarn.settings"_s,
-                 u"UPDATE tarn.accounts SET disk_limit_mb = 0"_s,
-                 u"DELETE FROM tarn.site_days"_s,
-                 u"DELETE FROM tarn.alerts"_s,
-             }) {
-            if (test::errorOf(limited, statement) != u"42501"_s)
-                allowed.append(statement);
-        }
-        QCOMPARE(allowed, QStringList());
-    }
-
-    void grantsWantARole()
-    {
-        const QString errors = m_server.runFile(session().databaseName(), test::schemaFile(u"grants.sql"_s));
-        QVERIFY2(errors.contains(u"no role was named"_s), qPrintable(errors));
-    }
+    // Roles
 
     void rolesWithoutGrantsHaveNothing()
     {
