@@ -1,4 +1,4 @@
-// What schema/upgrades/0002-days-and-checks.sql makes of a database from before it.
+// What schema/upgrades/0001-figures.sql makes of the tables beside the figures of the sites.
 #include "Probe.h"
 #include "support/PostgresServer.h"
 
@@ -60,7 +60,7 @@ private Q_SLOTS:
 
     void layoutIsThatOfAFreshDatabase()
     {
-        QCOMPARE(load(u"upgrades/0002-days-and-checks.sql"_s), QString());
+        QCOMPARE(load(u"upgrades/0001-figures.sql"_s), QString());
         const QString upgraded = layout();
         QVERIFY(m_server.connect(m_server.createDatabase(), u"session"_s).isOpen());
         QCOMPARE(upgraded, layout());
@@ -72,7 +72,7 @@ private Q_SLOTS:
         run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'Example.org'), (2, 'example.net')"_s);
         run(u"INSERT INTO tarn.log_sources (site_id, path) VALUES (2, 'access.log')"_s);
         run(u"INSERT INTO tarn.settings VALUES ('raw_hit_days', '90 days')"_s);
-        const QString errors = load(u"upgrades/0002-days-and-checks.sql"_s);
+        const QString errors = load(u"upgrades/0001-figures.sql"_s);
         for (const QString& line : {u"tarn.sites: Example.org"_s, u"tarn.log_sources: access.log"_s,
                                     u"tarn.settings: raw_hit_days = 90 days"_s})
             QVERIFY2(errors.contains(line), qPrintable(errors));
@@ -82,8 +82,8 @@ private Q_SLOTS:
 
     void secondRunIsRefused()
     {
-        QCOMPARE(load(u"upgrades/0002-days-and-checks.sql"_s), QString());
-        QVERIFY(load(u"upgrades/0002-days-and-checks.sql"_s).contains(u"has been done"_s));
+        QCOMPARE(load(u"upgrades/0001-figures.sql"_s), QString());
+        QVERIFY(load(u"upgrades/0001-figures.sql"_s).contains(u"has been done"_s));
     }
 
     /// The days that it makes of standing samples are those that the inserts of the same samples make.
@@ -106,7 +106,7 @@ private Q_SLOTS:
         run(samples);
         run(u"INSERT INTO tarn.accounts (username, domain, disk_used_bytes, disk_checked_at) "
             "VALUES ('alice', 'a.example', 5, '2024-05-05 12:00Z'), ('bob', 'b.example', NULL, NULL)"_s);
-        QCOMPARE(load(u"upgrades/0002-days-and-checks.sql"_s), QString());
+        QCOMPARE(load(u"upgrades/0001-figures.sql"_s), QString());
         const QString upgraded = scalar(figures);
         QCOMPARE(scalar(u"SELECT string_agg(concat_ws(' ', username, day, disk_used_bytes), ',') "
                         "FROM tarn.account_days"_s),
