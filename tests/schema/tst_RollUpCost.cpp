@@ -83,7 +83,7 @@ private Q_SLOTS:
         rollUp();
         run(setting);
         mark();
-        const QString plans = plansOf(u"SELECT tarn.rollup_day(1, '2024-05-05')"_s);
+        const QString plans = plansOf(u"SELECT tarn.count_day(1, '2024-05-05')"_s);
         // Old values with new, new with old, and those that are kept with all. The one loop goes over
         // dimensions.
         QCOMPARE(plans.count(u"Hash Anti Join"_s), 3);
@@ -125,7 +125,7 @@ private Q_SLOTS:
         QVERIFY2(pages > 0 && pages < ofTheTable / 2, qPrintable(u"%1 of %2"_s.arg(pages).arg(ofTheTable)));
 
         mark(u"2024-05-04"_s, 7);
-        const QString plans = plansOf(u"SELECT tarn.rollup_day(7, '2024-05-04')"_s);
+        const QString plans = plansOf(u"SELECT tarn.count_day(7, '2024-05-04')"_s);
         static const QRegularExpression byIndex(u" hits_site_at (on hits)?[^(]*\\([^)]*\\) \\(actual"_s);
         QVERIFY2(plans.count(byIndex) == 3 && !plans.contains(u"Seq Scan"_s), qPrintable(plans));
     }
