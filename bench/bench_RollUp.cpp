@@ -28,16 +28,16 @@ SELECT %2, timestamptz '2024-05-05 00:00+00' + interval '86399 s' * (n::float8 /
        CASE WHEN n % 97 = 0 THEN 'HEAD' WHEN n % 20 = 7 THEN 'BEACON' ELSE 'GET' END,
        CASE WHEN n % 20 IN (0, 5, 7, 10, 13, 17, 19) THEN %3 ELSE '/static/app-' || n % 60 || '.js' END,
        CASE WHEN n % 53 = 0 THEN 404 WHEN n % 29 = 0 THEN 304 WHEN n % 17 = 0 THEN 301 ELSE 200 END,
-       n % 50000, n % 20 IN (0, 5, 10, 13, 17, 19), '192.0.2.1', int8send((n / 20 * 7919)::bigint), n / 10,
+       n % 50000, n % 20 IN (0, 5, 10, 13, 17, 19), '192.0.2.1', int8send(n / 20 * 7919::bigint), n / 10,
        (ARRAY['DE','FR','US','GB','AT','CH','PL','IT'])[1 + n / 20 % 8],
        CASE WHEN n % 20 = 0 THEN (ARRAY['direct','search','social','referral'])[1 + n / 20 % 4] ELSE 'internal' END,
        CASE WHEN n % 20 = 0 THEN (ARRAY[NULL,'Google','Mastodon','example' || n % 500 || '.net'])[1 + n / 20 % 4] END,
        'https://www.example.org/some/page', NULL, (ARRAY['desktop','mobile','tablet'])[1 + n / 20 % 3],
        (ARRAY['Firefox','Chrome','Safari','Edge'])[1 + n / 20 % 4], (ARRAY['Linux','Android','iOS'])[1 + n / 20 % 3],
-       CASE WHEN n / 20 % 6 = 0 THEN 'Googlebot' END, CASE WHEN n % 20 = 7 THEN n % 60 END, n * 7919 % 200000
+       CASE WHEN n / 20 % 6 = 0 THEN 'Googlebot' END, CASE WHEN n % 20 = 7 THEN n % 60 END, n % 1009 * 197
 FROM generate_series(0, %1 - 1) n)sql"_s;
 const auto kOrdinaryPath =
-    u"'/articles/' || (3000 * (n * 7919 % 10007 / 10007.0) ^ 3)::int || '/some-title'"_s;
+    u"'/articles/' || (3000 * (n % 10007 * 7919 % 10007 / 10007.0) ^ 3)::int || '/some-title'"_s;
 const auto kDistinctPath = u"'/wp/' || md5(n::text)"_s;
 
 struct Day
