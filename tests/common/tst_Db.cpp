@@ -75,7 +75,7 @@ private Q_SLOTS:
         QVERIFY(m_session.open());
         QTest::ignoreMessage(QtWarningMsg, "sql: no such thing");
         db::logFailure(u"no such thing"_s);
-        QTest::ignoreMessage(QtWarningMsg, "sql: "); // an open session is none that was lost
+        QTest::ignoreMessage(QtWarningMsg, "sql:  "); // an open session is none that was lost
         db::logFailure(u" "_s);
         killBackend();
         const QStringList messages = test::messagesOf([] {
