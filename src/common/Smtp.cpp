@@ -10,6 +10,9 @@
 #include <QNetworkProxy>
 #include <QObject>
 #include <QRegularExpression>
+#include <QSet>
+#include <QStringMatcher>
+#include <QStringView>
 #include <QSysInfo>
 #include <QTimer>
 #include <QUuid>
@@ -32,6 +35,10 @@ constexpr int kReplyMs = 30'000;
 /// A line of a reply has 512 bytes at most (RFC 5321, 4.5.3.1.5), as some servers do not know.
 constexpr qint64 kMaxLineBytes = 4'096;
 constexpr qint64 kMaxReplyBytes = 65'536;
+
+/// The shortest run of characters that is taken for a piece of the sign-in.
+constexpr qsizetype kLeastPiece = 8;
+constexpr QStringView kMask = u"***";
 
 constexpr qsizetype kBase64Columns = 76;
 
@@ -117,6 +124,61 @@ QByteArray credentials(const Config& config)
 {
     const QByteArray nul(1, '\0');
     return (nul + config.smtpUser.toUtf8() + nul + config.smtpPassword.toUtf8()).toBase64();
+}
+
+/// @p text with @p secret masked, in one pass: QString::replace() moves what is behind a match again and
+/// again.
+QString withoutSecret(const QString& text, const QString& secret)
+{
+    const QStringMatcher matcher(secret);
+    QString clean;
+    qsizetype done = 0;
+    for (qsizetype at = matcher.indexIn(text); at >= 0; at = matcher.indexIn(text, done)) {
+        clean.append(QStringView(text).sliced(done, at - done)).append(kMask);
+        done = at + secret.size();
+    }
+    return clean.append(QStringView(text).sliced(done));
+}
+
+/// Calls @p isFound with each run of @p length characters of @p word, which is ASCII, as a number; true when
+/// one is found.
+template <typename IsFound>
+bool anyPiece(QStringView word, qsizetype length, IsFound isFound)
+{
+    static_assert(kLeastPiece == sizeof(quint64));
+    const quint64 mask = ~quint64(0) >> (8 * (kLeastPiece - length));
+    quint64 piece = 0;
+    for (qsizetype at = 0; at < word.size(); ++at) {
+        piece = (piece << 8 | word[at].unicode()) & mask;
+        if (at + 1 >= length && isFound(piece))
+            return true;
+    }
+    return false;
+}
+
+/// @p text with each word masked that holds a piece of the encoded line @p encoded. What a server repeats may
+/// be cut anywhere.
+QString withoutPiecesOf(const QString& text, const QString& encoded)
+{
+    const qsizetype length = std::min(kLeastPiece, encoded.size());
+    QSet<quint64> pieces;
+    anyPiece(encoded, length, [&pieces](quint64 piece) {
+        pieces.insert(piece);
+        return false;
+    });
+    const auto isSecret = [&](QStringView word) {
+        return anyPiece(word, length, [&pieces](quint64 piece) { return pieces.contains(piece); });
+    };
+    static const QRegularExpression encodedWord(u"[A-Za-z0-9+/]{8,}={0,2}"_s);
+    QString clean;
+    qsizetype done = 0;
+    for (const QRegularExpressionMatch& match : encodedWord.globalMatch(text)) {
+        if (!isSecret(match.capturedView()))
+            continue;
+        clean.append(QStringView(text).sliced(done, match.capturedStart() - done)).append(kMask);
+        done = match.capturedEnd();
+    }
+    return clean.append(QStringView(text).sliced(done));
 }
 
 /// "Sat, 15 Jun 2024 09:30:00 +0200".
@@ -441,24 +503,11 @@ QString withoutCredentials(const QString& reply, const Config& config)
 {
     if (config.smtpUser.isEmpty())
         return reply;
-    // What is repeated may have been cut, so that any longer piece of the encoded line counts.
-    static const QRegularExpression encodedWord(u"[A-Za-z0-9+/]{8,}={0,2}"_s);
-    const QString encoded = QString::fromLatin1(credentials(config));
-    QStringList secrets;
-    for (const QRegularExpressionMatch& match : encodedWord.globalMatch(reply)) {
-        const QString word = match.captured();
-        if (encoded.contains(word) || word.contains(encoded))
-            secrets.append(word);
-    }
-    if (!config.smtpPassword.isEmpty())
-        secrets += {QString::fromLatin1(config.smtpPassword.toUtf8().toBase64()), config.smtpPassword};
-    // A shorter one can be a part of a longer.
-    std::sort(secrets.begin(), secrets.end(),
-              [](const QString& one, const QString& other) { return one.size() > other.size(); });
-    QString clean = reply;
-    for (const QString& secret : std::as_const(secrets))
-        clean.replace(secret, u"***"_s);
-    return clean;
+    QString clean = withoutPiecesOf(reply, QString::fromLatin1(credentials(config)));
+    if (config.smtpPassword.isEmpty())
+        return clean;
+    clean = withoutSecret(clean, QString::fromLatin1(config.smtpPassword.toUtf8().toBase64()));
+    return withoutSecret(clean, config.smtpPassword);
 }
 
 } // namespace tarn::notify

@@ -1,5 +1,6 @@
 #include "common/Notify.h"
 #include "common/Smtp.h"
+#include "support/CpuTime.h"
 #include "support/FakeSmtp.h"
 #include "support/MailTools.h"
 #include "support/TestAuthority.h"
@@ -1023,6 +1024,8 @@ private Q_SLOTS:
         QTest::newRow("cut") << u"500 AUTH PLAIN AGFsZXJ0cwBjb3JyZW..."_s << u"500 AUTH PLAIN ***..."_s;
         QTest::newRow("end-only") << u"500 ...3QgaG9yc2U IGhvcnNl b3JyZWN0IGhvcnNl"_s
                                   << u"500 ...3QgaG9yc2U *** ***"_s;
+        QTest::newRow("piece-within-a-word")
+            << u"500 xxAGFsZXJ0yy, xxAGFsZXJyy"_s << u"500 ***, xxAGFsZXJyy"_s;
         QTest::newRow("part-of-a-word") << u"500 xAGFsZXJ0cwBjb3JyZWN0IGhvcnNly"_s << u"500 ***"_s;
         QTest::newRow("twice") << u"500 AGFsZXJ0cwBjb3JyZWN0IGhvcnNl AGFsZXJ0cwBjb3JyZWN0IGhvcnNl"_s
                                << u"500 *** ***"_s;
@@ -1038,6 +1041,45 @@ private Q_SLOTS:
         QTEST(notify::withoutCredentials(reply, config), "shown");
         config.smtpUser.clear();
         QCOMPARE(notify::withoutCredentials(reply, config), reply);
+    }
+
+    /// By the ratio within one run, in processor time. Each piece of the sign-in was looked for in the whole
+    /// reply: some hundreds of different ones cost a hundred times what plain text does.
+    void repliesFullOfCredentialsCostLittleMoreThanPlainOnes_data()
+    {
+        QTest::addColumn<QString>("reply");
+        constexpr qsizetype kBytes = 65'536;
+        const auto row = [](const char* name, const QString& unit) {
+            QTest::newRow(name) << unit.repeated(kBytes / unit.size());
+        };
+        row("whole", u"AGFsZXJ0cwBjb3JyZWN0IGhvcnNl "_s);
+        row("cut", u"AGFsZXJ0cwBj "_s);
+        row("password", u"correct horse"_s);
+        row("nearly", u"AGFsZXJ.correct hors."_s);
+        QString pieces;
+        const QString line = u"AGFsZXJ0cwBjb3JyZWN0IGhvcnNl"_s;
+        for (qsizetype size = 8; size <= line.size(); ++size) {
+            for (qsizetype at = 0; at + size <= line.size(); ++at)
+                pieces += line.sliced(at, size) + u' ';
+        }
+        row("every-piece", pieces);
+        QString longer;
+        while (longer.size() < kBytes)
+            longer += u"%1AGFsZXJ0cwBjb3JyZWN0IGhvcnNl "_s.arg(longer.size(), 6, 16, QLatin1Char('0'));
+        row("within-different-words", longer);
+    }
+    void repliesFullOfCredentialsCostLittleMoreThanPlainOnes()
+    {
+        QFETCH(const QString, reply);
+        Config config = mailConfig();
+        config.smtpUser = u"alerts"_s;
+        config.smtpPassword = u"correct horse"_s;
+        const auto secondsFor = [&config](const QString& text) {
+            return tarn::tests::leastSeconds(5, [&] { notify::withoutCredentials(text, config); });
+        };
+        const double plain = secondsFor(QString(reply.size(), u'x'));
+        const double hostile = secondsFor(reply);
+        QVERIFY2(hostile < 10 * plain, qPrintable(u"%1 us, %2 us"_s.arg(hostile * 1e6).arg(plain * 1e6)));
     }
 
     void credentialsWithoutPassword()
