@@ -1,12 +1,14 @@
 #include "collect/HostFiles.h"
 
+#include "common/Lines.h"
+
 #include <QByteArrayView>
 #include <QDir>
 #include <QFile>
-#include <QList>
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -22,10 +24,17 @@ constexpr qint64 kLargest = std::numeric_limits<qint64>::max();
 constexpr qint64 kSectorBytes = 512;
 constexpr qint64 kKiloByte = 1024;
 
-/// @p piece as a counter. The kernel's reach to 2^64; beyond 2^63 they are no number to us.
+/// Longer texts are no numbers: to read one takes Qt a hundred times as long as to pass over it.
+constexpr qsizetype kMaxNumberLength = 64;
+
+/// Names of devices are shorter; see IFNAMSIZ and DISK_NAME_LEN in the kernel.
+constexpr qsizetype kMaxDeviceLength = 64;
+
+/// @p piece, with blanks around it or not, as a counter. The kernel's reach to 2^64; beyond 2^63 they are no
+/// number to us.
 qint64 counter(QByteArrayView piece)
 {
-    return std::max(piece.toLongLong(), qint64(0));
+    return piece.size() > kMaxNumberLength ? 0 : std::max(piece.trimmed().toLongLong(), qint64(0));
 }
 
 qint64 sum(qint64 a, qint64 b)
@@ -38,55 +47,66 @@ qint64 product(qint64 count, qint64 size)
     return count > kLargest / size ? kLargest : count * size;
 }
 
-/// The first pieces of a line between any white space, as many as a parser looks at.
-QList<QByteArray> pieces(const QByteArray& line)
+bool isSpace(char c)
 {
-    constexpr qsizetype kMostPieces = 10;
-    const auto isSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
-    QList<QByteArray> result;
-    auto start = std::find_if_not(line.begin(), line.end(), isSpace);
-    while (start != line.end() && result.size() < kMostPieces) {
-        const auto end = std::find_if(start, line.end(), isSpace);
-        result.append(QByteArray(start, end - start));
-        start = std::find_if_not(end, line.end(), isSpace);
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/// The pieces of a line between any white space, the first kMost of them. Empty ones stand for those that it
+/// lacks.
+template <std::size_t kMost>
+std::array<QByteArrayView, kMost> pieces(QByteArrayView line)
+{
+    std::array<QByteArrayView, kMost> result;
+    const char* at = std::find_if_not(line.begin(), line.end(), isSpace);
+    for (QByteArrayView& piece : result) {
+        const char* const end = std::find_if(at, line.end(), isSpace);
+        piece = QByteArrayView(at, end);
+        at = std::find_if_not(end, line.end(), isSpace);
     }
     return result;
 }
 
 /// What is in front of the first blank.
-QByteArray firstWord(const QByteArray& text)
+QByteArrayView firstWord(QByteArrayView text)
 {
     const qsizetype blank = text.indexOf(' ');
     return blank < 0 ? text : text.first(blank);
 }
 
+/// What is behind @p word, at the start of @p text, and the blank that follows it.
+QByteArrayView behind(QByteArrayView text, QByteArrayView word)
+{
+    return text.sliced(std::min(word.size() + 1, text.size()));
+}
+
 /// What a line says of a name, and the name.
 struct NameAndValue
 {
-    QByteArray name;
-    QByteArray value;
+    QByteArrayView name;
+    QByteArrayView value;
 };
 
 /// The two sides of the first colon; nothing without one.
-std::optional<NameAndValue> splitAtColon(const QByteArray& line)
+std::optional<NameAndValue> splitAtColon(QByteArrayView line)
 {
     const qsizetype colon = line.indexOf(':');
     if (colon < 0)
         return std::nullopt;
-    return NameAndValue{line.first(colon).trimmed(), line.sliced(colon + 1).trimmed()};
+    return NameAndValue{line.first(colon).trimmed(), line.sliced(colon + 1)};
 }
 
-double load(const QByteArray& piece)
+double load(QByteArrayView piece)
 {
-    const double value = piece.toDouble();
+    const double value = piece.size() > kMaxNumberLength ? 0.0 : piece.toDouble();
     return std::isfinite(value) ? value : 0.0; // "nan" and "inf" are read as numbers
 }
 
 /// True for a whole disk.
-bool isDisk(const QByteArray& device)
+bool isDisk(QByteArrayView device)
 {
     static const QRegularExpression disk(u"^(sd[a-z]+|vd[a-z]+|xvd[a-z]+|nvme\\d+n\\d+|mmcblk\\d+)$"_s);
-    return disk.match(QString::fromLatin1(device)).hasMatch();
+    return device.size() <= kMaxDeviceLength && disk.match(QString::fromLatin1(device)).hasMatch();
 }
 
 /// True for the drivers of the sensors in Intel's and AMD's processors.
@@ -99,69 +119,70 @@ bool isCpuSensor(QByteArrayView driver)
 
 CpuTimes parseStat(const QByteArray& text)
 {
-    constexpr qsizetype kIdle = 4;
-    constexpr qsizetype kIowait = 5;
-    constexpr qsizetype kLast = 8;
-    const QList<QByteArray> columns = pieces(text.split('\n').constFirst());
+    constexpr std::size_t kIdle = 4;
+    constexpr std::size_t kIowait = 5;
+    constexpr std::size_t kLast = 8;
+    QByteArrayView rest(text);
+    const auto columns = pieces<kLast + 1>(takeLine(rest));
     CpuTimes times;
-    for (qsizetype i = 1; i <= kLast && i < columns.size(); ++i)
-        times.total = sum(times.total, counter(columns.at(i)));
-    times.iowait = counter(columns.value(kIowait));
+    for (std::size_t i = 1; i <= kLast; ++i)
+        times.total = sum(times.total, counter(columns[i]));
+    times.iowait = counter(columns[kIowait]);
     // Only where the sum did not fit can the two be more than it.
-    times.busy = std::max(times.total - counter(columns.value(kIdle)) - times.iowait, qint64(0));
+    times.busy = std::max(times.total - counter(columns[kIdle]) - times.iowait, qint64(0));
     return times;
 }
 
 Traffic parseNetDev(const QByteArray& text)
 {
-    constexpr qsizetype kReceived = 0;
-    constexpr qsizetype kSent = 8;
+    constexpr std::size_t kReceived = 0;
+    constexpr std::size_t kSent = 8;
     Traffic traffic;
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray& line : lines) {
+    for (QByteArrayView rest(text); !rest.isEmpty();) {
         // The two lines of headings have no colon. A long number leaves no blank behind it.
-        const std::optional<NameAndValue> interface = splitAtColon(line);
+        const std::optional<NameAndValue> interface = splitAtColon(takeLine(rest));
         if (!interface || interface->name == "lo")
             continue;
-        const QList<QByteArray> columns = pieces(interface->value);
-        traffic.in = sum(traffic.in, counter(columns.value(kReceived)));
-        traffic.out = sum(traffic.out, counter(columns.value(kSent)));
+        const auto columns = pieces<kSent + 1>(interface->value);
+        traffic.in = sum(traffic.in, counter(columns[kReceived]));
+        traffic.out = sum(traffic.out, counter(columns[kSent]));
     }
     return traffic;
 }
 
 Traffic parseDiskStats(const QByteArray& text)
 {
-    constexpr qsizetype kDevice = 2;
-    constexpr qsizetype kSectorsRead = 5;
-    constexpr qsizetype kSectorsWritten = 9;
+    constexpr std::size_t kDevice = 2;
+    constexpr std::size_t kSectorsRead = 5;
+    constexpr std::size_t kSectorsWritten = 9;
     Traffic traffic;
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray& line : lines) {
-        const QList<QByteArray> columns = pieces(line);
-        if (columns.size() <= kSectorsWritten || !isDisk(columns.at(kDevice)))
+    for (QByteArrayView rest(text); !rest.isEmpty();) {
+        const auto columns = pieces<kSectorsWritten + 1>(takeLine(rest));
+        if (columns[kSectorsWritten].isEmpty() || !isDisk(columns[kDevice]))
             continue;
-        traffic.in = sum(traffic.in, product(counter(columns.at(kSectorsRead)), kSectorBytes));
-        traffic.out = sum(traffic.out, product(counter(columns.at(kSectorsWritten)), kSectorBytes));
+        traffic.in = sum(traffic.in, product(counter(columns[kSectorsRead]), kSectorBytes));
+        traffic.out = sum(traffic.out, product(counter(columns[kSectorsWritten]), kSectorBytes));
     }
     return traffic;
 }
 
 LoadAverage parseLoadAverage(const QByteArray& text)
 {
-    const QByteArray one = firstWord(text);
-    const QByteArray five = firstWord(text.mid(one.size() + 1));
-    const QByteArray fifteen = firstWord(text.mid(one.size() + five.size() + 2));
+    const QByteArrayView one = firstWord(text);
+    const QByteArrayView behindOne = behind(text, one);
+    const QByteArrayView five = firstWord(behindOne);
+    const QByteArrayView fifteen = firstWord(behind(behindOne, five));
     return {load(one), load(five), load(fifteen)};
 }
 
 qint64 meminfo(const QByteArray& text, const QByteArray& key)
 {
-    const QByteArray start = key + ':';
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray& line : lines) {
-        if (line.startsWith(start))
-            return counter(firstWord(line.sliced(start.size()).trimmed()));
+    for (QByteArrayView rest(text); !rest.isEmpty();) {
+        const QByteArrayView line = takeLine(rest);
+        if (line.size() <= key.size() || !line.startsWith(key) || line[key.size()] != ':')
+            continue;
+        const QByteArrayView value = line.sliced(key.size() + 1);
+        return value.size() > kMaxNumberLength ? 0 : counter(firstWord(value.trimmed()));
     }
     return 0;
 }
@@ -169,9 +190,8 @@ qint64 meminfo(const QByteArray& text, const QByteArray& key)
 ApacheStatus parseApacheStatus(const QByteArray& text)
 {
     ApacheStatus status;
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray& line : lines) {
-        const std::optional<NameAndValue> entry = splitAtColon(line);
+    for (QByteArrayView rest(text); !rest.isEmpty();) {
+        const std::optional<NameAndValue> entry = splitAtColon(takeLine(rest));
         if (!entry)
             continue;
         if (entry->name == "Total Accesses") {
@@ -180,10 +200,11 @@ ApacheStatus parseApacheStatus(const QByteArray& text)
         } else if (entry->name == "Total kBytes") {
             status.bytes = product(counter(entry->value), kKiloByte);
         } else if (entry->name == "BusyWorkers") {
-            status.busy = std::max(entry->value.toInt(), 0);
+            const qint64 busy = counter(entry->value);
+            status.busy = busy > std::numeric_limits<qint32>::max() ? 0 : static_cast<qint32>(busy);
         } else if (entry->name == "Scoreboard") {
             status.slotCount = static_cast<qint32>(
-                std::min<qsizetype>(entry->value.size(), std::numeric_limits<qint32>::max()));
+                std::min<qsizetype>(entry->value.trimmed().size(), std::numeric_limits<qint32>::max()));
         }
     }
     return status.found ? status : ApacheStatus();

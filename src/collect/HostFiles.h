@@ -1,7 +1,7 @@
 // The counters that the kernel keeps in text files, and Apache's on its status page. Each parser is a
-// function of the text alone and never fails: what is missing, cut off or no number counts as 0, and a sum
-// that does not fit stays at the largest number. Counters are never negative, so that two of them can be
-// subtracted.
+// function of the text alone and never fails: what is missing, cut off or no number counts as 0, a text of
+// more than 64 bytes included, and a sum that does not fit stays at the largest number. Counters are never
+// negative, so that two of them can be subtracted.
 #pragma once
 
 #include <QByteArray>

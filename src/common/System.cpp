@@ -1,5 +1,6 @@
 #include "common/System.h"
 
+#include "common/Lines.h"
 #include "common/Mounts.h"
 
 #include <QDateTime>
@@ -12,6 +13,7 @@
 #include <QVariant>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <memory>
 
@@ -39,6 +41,9 @@ constexpr int kKillMs = 1'000;
 
 /// The most of systemctl's output that is read. A unit takes some 200 bytes.
 constexpr qsizetype kMaxOutputBytes = 1'048'576;
+
+/// Longer texts are neither numbers nor times nor states that are looked for.
+constexpr qsizetype kMaxShortValueBytes = 64;
 
 bool isExcluded(QByteArrayView type, const QString& folder)
 {
@@ -92,29 +97,69 @@ void dispose(std::unique_ptr<QProcess> process)
     [[maybe_unused]] const QProcess* dying = process.release();
 }
 
-/// Seconds since the epoch of systemd's "Sat 2024-10-12 13:55:36 UTC"; nothing when it is no time.
-std::optional<qint64> parseTimestamp(const QString& text)
+/// What is in front of the first blank of @p rest, which is left with what is behind it.
+QByteArrayView takeWord(QByteArrayView& rest)
 {
-    const QStringList pieces = text.split(u' ');
-    const QDateTime time =
-        QDateTime::fromString(pieces.value(1) + u' ' + pieces.value(2), u"yyyy-MM-dd HH:mm:ss"_s);
-    return time.isValid() ? std::optional(time.toSecsSinceEpoch()) : std::nullopt;
+    const qsizetype blank = rest.indexOf(' ');
+    const QByteArrayView word = blank < 0 ? rest : rest.first(blank);
+    rest = blank < 0 ? QByteArrayView() : rest.sliced(blank + 1);
+    return word;
 }
 
-void addProperty(QJsonObject& service, QByteArrayView key, const QString& value)
+/// Reads "2024-10-12" or "13:55:36": three numbers of @p sizes digits with @p separator between them. Qt's
+/// reading by a format takes ten times as long.
+std::optional<std::array<int, 3>> parseThree(QByteArrayView text, const std::array<int, 3>& sizes,
+                                             char separator)
+{
+    std::array<int, 3> numbers = {};
+    qsizetype at = 0;
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        if (i > 0 && (at >= text.size() || text[at++] != separator))
+            return std::nullopt;
+        for (int digit = 0; digit < sizes[i]; ++digit, ++at) {
+            if (at >= text.size() || text[at] < '0' || text[at] > '9')
+                return std::nullopt;
+            numbers[i] = numbers[i] * 10 + (text[at] - '0');
+        }
+    }
+    return at == text.size() ? std::optional(numbers) : std::nullopt;
+}
+
+/// Seconds since the epoch of systemd's "Sat 2024-10-12 13:55:36 UTC"; nothing when it is no time.
+std::optional<qint64> parseTimestamp(QByteArrayView text)
+{
+    takeWord(text); // the day of the week
+    const auto date = parseThree(takeWord(text), {4, 2, 2}, '-');
+    const auto time = parseThree(takeWord(text), {2, 2, 2}, ':');
+    if (!date || !time)
+        return std::nullopt;
+    const QTime timeOfDay((*time)[0], (*time)[1], (*time)[2]);
+    if (!timeOfDay.isValid()) // which would count as midnight
+        return std::nullopt;
+    const QDateTime at(QDate((*date)[0], (*date)[1], (*date)[2]), timeOfDay);
+    return at.isValid() ? std::optional(at.toSecsSinceEpoch()) : std::nullopt;
+}
+
+/// @p value, with blanks around it or not, as a short one; empty when it is long.
+QByteArrayView shortValue(QByteArrayView value)
+{
+    return value.size() > kMaxShortValueBytes ? QByteArrayView() : value.trimmed();
+}
+
+void addProperty(QJsonObject& service, QByteArrayView key, QByteArrayView value)
 {
     if (key == "LoadState") {
-        service[u"loaded"_s] = value == u"loaded"_s;
+        service[u"loaded"_s] = shortValue(value) == "loaded";
     } else if (key == "ActiveState") {
-        service[u"active"_s] = value == u"active"_s;
+        service[u"active"_s] = shortValue(value) == "active";
     } else if (key == "SubState") {
-        service[u"sub"_s] = value;
+        service[u"sub"_s] = QString::fromUtf8(value).trimmed();
     } else if (key == "ActiveEnterTimestamp") {
-        if (const std::optional<qint64> since = parseTimestamp(value))
+        if (const std::optional<qint64> since = parseTimestamp(shortValue(value)))
             service[u"since"_s] = *since;
     } else if (key == "MemoryCurrent") {
         // "[not set]" and 2^64 - 1 stand for an unknown one.
-        service[u"memory"_s] = value.toLongLong();
+        service[u"memory"_s] = shortValue(value).toLongLong();
     }
 }
 
@@ -204,15 +249,15 @@ QJsonArray parseServices(const QByteArray& output, const QStringList& names)
         services.append(service);
         service = {};
     };
-    const QList<QByteArray> lines = output.split('\n');
-    for (const QByteArray& line : lines) {
+    for (QByteArrayView rest(output); !rest.isEmpty();) {
+        const QByteArrayView line = takeLine(rest);
         if (line.trimmed().isEmpty()) {
             endBlock();
             continue;
         }
         const qsizetype equals = line.indexOf('=');
-        const QByteArrayView key = QByteArrayView(line).first(equals < 0 ? line.size() : equals);
-        addProperty(service, key, QString::fromUtf8(line.mid(key.size() + 1)).trimmed());
+        const QByteArrayView key = line.first(equals < 0 ? line.size() : equals);
+        addProperty(service, key, equals < 0 ? QByteArrayView() : line.sliced(equals + 1));
     }
     endBlock();
     return services;

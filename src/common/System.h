@@ -59,8 +59,9 @@ QJsonArray serviceStatus(const QStringList& names);
 ///
 /// with empty lines between them. @p names gives the units their names, by position:
 /// [{"name": "apache2", "loaded": true, "active": true, "sub": "running", "since": 1728741336,
-/// "memory": 21544960}, ...]. What is not told is not there; a memory use that is no number is 0. "since" is
-/// in seconds since the Unix epoch: systemd writes local time, and the zone that it names is passed over.
+/// "memory": 21544960}, ...]. What is not told is not there; a memory use that is no number is 0. A number
+/// or time of more than 64 bytes is none. "since" is in seconds since the Unix epoch: systemd writes local time, and
+/// the zone that it names is passed over.
 QJsonArray parseServices(const QByteArray& output, const QStringList& names);
 
 } // namespace tarn::system

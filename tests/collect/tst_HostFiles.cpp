@@ -1,4 +1,6 @@
 #include "collect/HostFiles.h"
+#include "support/CpuTime.h"
+#include "support/HostileTexts.h"
 
 #include <QDir>
 #include <QFile>
@@ -492,6 +494,59 @@ private Q_SLOTS:
         QCOMPARE((QList<qint64>{status.found ? 1 : 0, status.requests, status.bytes, status.busy,
                                 status.slotCount}),
                  figures);
+    }
+
+    void longestNumbers()
+    {
+        const QByteArray zeros(62, '0');
+        QCOMPARE(meminfo("MemTotal:" + zeros + "17", "MemTotal"), 17);
+        QCOMPARE(meminfo("MemTotal:0" + zeros + "17", "MemTotal"), 0);
+        QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").one, 1.0);
+        QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").five, 0.0);
+        QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").fifteen, 2.0);
+        QCOMPARE(parseApacheStatus("Total Accesses: 1\nBusyWorkers:" + zeros + "17").busy, 17);
+        QCOMPARE(parseApacheStatus("Total Accesses: 1\nBusyWorkers:0" + zeros + "17").busy, 0);
+    }
+
+    void longestDeviceName()
+    {
+        QCOMPARE(parseDiskStats(diskLine("sd" + QByteArray(62, 'a'))).in, 10 * 512);
+        QCOMPARE(parseDiskStats(diskLine("sd" + QByteArray(63, 'a'))).in, 0);
+    }
+
+    void hostileTextsCostLittleMoreThanPlainOnes_data()
+    {
+        QTest::addColumn<QByteArray>("before");
+        QTest::addColumn<std::function<void(const QByteArray&)>>("parse");
+        const auto row = [](const char* name, const char* before, void (*parse)(const QByteArray&)) {
+            QTest::newRow(name) << QByteArray(before) << std::function<void(const QByteArray&)>(parse);
+        };
+        row("stat", "cpu ", [](const QByteArray& t) { parseStat(t); });
+        row("net", "eth0:", [](const QByteArray& t) { parseNetDev(t); });
+        row("disk", " 8 0 ", [](const QByteArray& t) { parseDiskStats(t); });
+        row("disk-sectors", " 8 0 sda 1 1 ", [](const QByteArray& t) { parseDiskStats(t); });
+        row("load", "", [](const QByteArray& t) { parseLoadAverage(t); });
+        row("memory", "MemTotal: ", [](const QByteArray& t) { meminfo(t, "MemTotal"); });
+        row("accesses", "Total Accesses: ", [](const QByteArray& t) { parseApacheStatus(t); });
+        row("workers", "BusyWorkers: ", [](const QByteArray& t) { parseApacheStatus(t); });
+    }
+    /// By the ratio within one run, in processor time. A number of 64 KiB cost 100 times what letters do.
+    void hostileTextsCostLittleMoreThanPlainOnes()
+    {
+        constexpr qsizetype kBytes = 65'536;
+        QFETCH(const QByteArray, before);
+        QFETCH(const std::function<void(const QByteArray&)>, parse);
+        const auto secondsFor = [&](const QByteArray& unit) {
+            const QByteArray text = before + tarn::tests::textOf(unit, kBytes);
+            return tarn::tests::leastSeconds(15, [&] { parse(text); });
+        };
+        const double plain = secondsFor("x");
+        for (const tarn::tests::Shape& shape : tarn::tests::hostileShapes()) {
+            const double hostile = secondsFor(shape.unit);
+            QVERIFY2(hostile < 10 * plain, qPrintable(u"%1: %2 us, %3 us"_s.arg(QLatin1StringView(shape.name))
+                                                          .arg(hostile * 1e6)
+                                                          .arg(plain * 1e6)));
+        }
     }
 
     void readFileReadsWhatThereIs()

@@ -1,5 +1,7 @@
 #include "common/Mounts.h"
 #include "common/System.h"
+#include "support/CpuTime.h"
+#include "support/HostileTexts.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -489,6 +491,40 @@ private Q_SLOTS:
             system::parseServices(QByteArray("SubState=s\n\n").repeated(100'000), {u"a"_s});
         QCOMPARE(many.size(), 100'000);
         QCOMPARE(system::parseServices(value, {u"a"_s}), QJsonArray());
+    }
+
+    void longestNumber()
+    {
+        const QByteArray zeros(62, '0');
+        QCOMPARE(text(system::parseServices("MemoryCurrent=" + zeros + "17", {u"a"_s})),
+                 u"[{\"memory\":17,\"name\":\"a\"}]"_s);
+        QCOMPARE(text(system::parseServices("MemoryCurrent=0" + zeros + "17", {u"a"_s})),
+                 u"[{\"memory\":0,\"name\":\"a\"}]"_s);
+    }
+
+    void hostileOutputCostsLittleMoreThanPlain_data()
+    {
+        QTest::addColumn<QByteArray>("key");
+        for (const char* key : {"", "LoadState=", "ActiveState=", "ActiveEnterTimestamp=", "MemoryCurrent="})
+            QTest::newRow(*key ? key : "no-key") << QByteArray(key);
+    }
+    /// By the ratio within one run, in processor time. A time of thousands of words cost 80 times what one of
+    /// its length does.
+    void hostileOutputCostsLittleMoreThanPlain()
+    {
+        constexpr qsizetype kBytes = 65'536;
+        QFETCH(const QByteArray, key);
+        const auto secondsFor = [](const QByteArray& before, const QByteArray& unit) {
+            const QByteArray output = before + tarn::tests::textOf(unit, kBytes);
+            return tarn::tests::leastSeconds(15, [&] { system::parseServices(output, {u"a"_s}); });
+        };
+        const double plain = secondsFor("SubState=", "x");
+        for (const tarn::tests::Shape& shape : tarn::tests::hostileShapes()) {
+            const double hostile = secondsFor(key, shape.unit);
+            QVERIFY2(hostile < 10 * plain, qPrintable(u"%1: %2 us, %3 us"_s.arg(QLatin1StringView(shape.name))
+                                                          .arg(hostile * 1e6)
+                                                          .arg(plain * 1e6)));
+        }
     }
 
     void since_data()
