@@ -1,8 +1,12 @@
 #include "common/Mounts.h"
 
+#include "common/Lines.h"
+
+#include <QByteArrayView>
 #include <QFile>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <system_error>
 #include <thread>
@@ -13,45 +17,75 @@ namespace tarn::system {
 
 namespace {
 
+/// Nothing with a longer path can be asked for its size (PATH_MAX, with the NUL behind it).
+constexpr qsizetype kMaxFolderBytes = 4'095;
+
+/// More tags than this on a mount make the line none.
+constexpr int kMaxTags = 64;
+
 /// Blanks, line feeds and backslashes are written as three octal digits: "\040".
-QByteArray unescaped(const QByteArray& text)
+QByteArray unescaped(QByteArrayView text)
 {
-    const auto digit = [&text](qsizetype at) {
-        const char c = at < text.size() ? text.at(at) : '\0';
+    const auto digit = [text](qsizetype at) {
+        const char c = at < text.size() ? text[at] : '\0';
         return c >= '0' && c <= '7' ? c - '0' : -1;
     };
     QByteArray plain;
     for (qsizetype i = 0; i < text.size(); ++i) {
-        const bool isEscape = text.at(i) == '\\' && digit(i + 1) >= 0 && digit(i + 1) <= 3
-                              && digit(i + 2) >= 0 && digit(i + 3) >= 0;
+        const bool isEscape = text[i] == '\\' && digit(i + 1) >= 0 && digit(i + 1) <= 3 && digit(i + 2) >= 0
+                              && digit(i + 3) >= 0;
         if (isEscape) {
             plain += static_cast<char>(digit(i + 1) * 64 + digit(i + 2) * 8 + digit(i + 3));
             i += 3;
         } else {
-            plain += text.at(i);
+            plain += text[i];
         }
     }
     return plain;
 }
 
-std::optional<Mount> parseLine(const QByteArray& line)
+/// The next field of @p rest, which is left with what is behind it; nothing at the end.
+std::optional<QByteArrayView> takeField(std::optional<QByteArrayView>& rest)
 {
-    const QList<QByteArray> fields = line.split(' ');
-    // Tags, of which there can be any number, stand before the dash.
-    const qsizetype dash = fields.indexOf("-", 6);
-    if (dash < 0 || dash + 2 >= fields.size())
+    if (!rest)
         return std::nullopt;
-    Mount mount;
+    const qsizetype blank = rest->indexOf(' ');
+    const QByteArrayView field = blank < 0 ? *rest : rest->first(blank);
+    rest = blank < 0 ? std::nullopt : std::optional(rest->sliced(blank + 1));
+    return field;
+}
+
+std::optional<qint64> number(QByteArrayView field)
+{
+    constexpr qsizetype kMaxDigits = 20;
     bool isNumber = false;
-    bool hasParent = false;
-    mount.id = fields.at(0).toLongLong(&isNumber);
-    mount.parent = fields.at(1).toLongLong(&hasParent);
-    mount.folder = unescaped(fields.at(4));
-    mount.type = unescaped(fields.at(dash + 1));
-    mount.device = unescaped(fields.at(dash + 2));
-    if (!isNumber || !hasParent || !mount.folder.startsWith('/'))
+    const qint64 value = field.size() > kMaxDigits ? 0 : field.toLongLong(&isNumber);
+    return isNumber ? std::optional(value) : std::nullopt;
+}
+
+std::optional<Mount> parseLine(QByteArrayView line)
+{
+    std::optional<QByteArrayView> rest(line);
+    std::array<QByteArrayView, 6> fields;
+    for (QByteArrayView& field : fields)
+        field = takeField(rest).value_or(QByteArrayView());
+    // Tags, of which the kernel has four, stand before the dash.
+    std::optional<QByteArrayView> tag = takeField(rest);
+    for (int tags = 0; tag && *tag != "-"; ++tags) {
+        if (tags == kMaxTags)
+            return std::nullopt;
+        tag = takeField(rest);
+    }
+    const std::optional<QByteArrayView> type = takeField(rest);
+    const std::optional<QByteArrayView> device = takeField(rest);
+    const std::optional<qint64> id = number(fields[0]);
+    const std::optional<qint64> parent = number(fields[1]);
+    if (!device || !id || !parent || !fields[4].startsWith('/'))
         return std::nullopt;
-    return mount;
+    QByteArray folder = unescaped(fields[4]);
+    if (folder.size() > kMaxFolderBytes)
+        return std::nullopt;
+    return Mount{*id, *parent, std::move(folder), unescaped(*type), unescaped(*device)};
 }
 
 /// The mounts of one table, by what they are mounted in and where.
@@ -67,24 +101,40 @@ public:
         }
     }
 
-    bool isVisible(const Mount& mount) const
+    bool isVisible(const Mount& mount)
     {
-        if (m_children.contains({mount.id, mount.folder}))
-            return false;
-        // The table is read in pieces, and could so make a circle.
-        Mount inner = mount;
-        for (qsizetype depth = 0; depth <= m_parents.size(); ++depth) {
-            if (isBelowAnother(inner))
-                return false;
-            const auto outer = m_parents.constFind(inner.parent);
-            if (outer == m_parents.cend() || outer->id == inner.id)
-                return true;
-            inner = *outer;
-        }
-        return true;
+        return !m_children.contains({mount.id, mount.folder}) && isReachable(mount);
     }
 
 private:
+    /// True unless it, or one that it is in, is below a folder that has been covered. What is found holds for
+    /// all that were asked about on the way: each mount of a table is looked at once.
+    bool isReachable(const Mount& mount)
+    {
+        QList<qint64> way;
+        Mount inner = mount;
+        std::optional<bool> found;
+        while (!found) {
+            if (const auto known = m_reachable.constFind(inner.id); known != m_reachable.cend()) {
+                found = *known;
+                break;
+            }
+            // For now: the table is read in pieces, and could so make a circle.
+            m_reachable.insert(inner.id, true);
+            way.append(inner.id);
+            const auto outer = m_parents.constFind(inner.parent);
+            if (isBelowAnother(inner))
+                found = false;
+            else if (outer == m_parents.cend())
+                found = true;
+            else
+                inner = *outer;
+        }
+        for (const qint64 id : std::as_const(way))
+            m_reachable.insert(id, *found);
+        return *found;
+    }
+
     /// True when what @p mount is in has later been covered at a folder above it.
     bool isBelowAnother(const Mount& mount) const
     {
@@ -99,6 +149,7 @@ private:
 
     QHash<qint64, Mount> m_parents;
     QHash<std::pair<qint64, QByteArray>, qint64> m_children;
+    QHash<qint64, bool> m_reachable;
 };
 
 } // namespace
@@ -106,9 +157,8 @@ private:
 QList<Mount> parseMountInfo(const QByteArray& text)
 {
     QList<Mount> mounts;
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray& line : lines) {
-        if (const std::optional<Mount> mount = parseLine(line))
+    for (QByteArrayView rest(text); !rest.isEmpty();) {
+        if (const std::optional<Mount> mount = parseLine(takeLine(rest)))
             mounts.append(*mount);
     }
     return mounts;
@@ -116,7 +166,7 @@ QList<Mount> parseMountInfo(const QByteArray& text)
 
 QList<Mount> visibleMounts(const QList<Mount>& mounts)
 {
-    const Tree tree(mounts);
+    Tree tree(mounts);
     QHash<QByteArray, qint64> topmost;
     for (const Mount& mount : mounts) {
         if (tree.isVisible(mount))

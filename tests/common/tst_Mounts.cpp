@@ -1,4 +1,5 @@
 #include "common/Mounts.h"
+#include "support/CpuTime.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -160,6 +161,41 @@ private Q_SLOTS:
     {
         QFETCH(const QByteArray, line);
         QVERIFY(system::parseMountInfo(line).isEmpty());
+    }
+
+    void mostTags()
+    {
+        const auto table = [](qsizetype tags) {
+            return "36 35 98:0 / /srv rw " + QByteArray("a:1 ").repeated(tags) + "- ext3 /dev/root rw";
+        };
+        QCOMPARE(system::parseMountInfo(table(64)).size(), 1);
+        QVERIFY(system::parseMountInfo(table(65)).isEmpty());
+    }
+
+    void longestFolder()
+    {
+        const auto table = [](qsizetype size) {
+            return "36 35 98:0 / /" + QByteArray(size - 1, 'x') + " rw - ext3 /dev/root rw";
+        };
+        QCOMPARE(system::parseMountInfo(table(4'095)).size(), 1);
+        QVERIFY(system::parseMountInfo(table(4'096)).isEmpty());
+    }
+
+    /// By the ratio within one run, in processor time. Each mount's way to the root was gone again for each
+    /// one below it.
+    void nestedMountsCostLittleMoreThanOthers()
+    {
+        constexpr qint64 kMounts = 3'000;
+        QList<Mount> nested;
+        QList<Mount> others;
+        for (qint64 id = 1; id <= kMounts; ++id) {
+            nested.append(mount(id, id - 1, "/a/" + QByteArray::number(id)));
+            others.append(mount(id, 0, "/a/" + QByteArray::number(id)));
+        }
+        QCOMPARE(system::visibleMounts(nested).size(), kMounts);
+        const double plain = tarn::tests::leastSeconds(5, [&] { system::visibleMounts(others); });
+        const double hostile = tarn::tests::leastSeconds(5, [&] { system::visibleMounts(nested); });
+        QVERIFY2(hostile < 10 * plain, qPrintable(u"%1 us, %2 us"_s.arg(hostile * 1e6).arg(plain * 1e6)));
     }
 
     void visible_data()
