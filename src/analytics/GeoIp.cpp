@@ -3,6 +3,7 @@
 #include "common/Db.h"
 #include "common/Gzip.h"
 #include "common/Http.h"
+#include "common/Lines.h"
 
 #include <QByteArray>
 #include <QList>
@@ -26,6 +27,9 @@ constexpr qsizetype kRowsPerInsert = 1'000;
 /// the other long jobs waiting for good.
 constexpr http::Limits kLimits{.totalMs = 6 * 3'600 * 1'000, .bodyBytes = 268'435'456};
 
+/// Two addresses and a country take 82 bytes; other columns may follow them.
+constexpr qsizetype kMaxRangeBytes = 1'024;
+
 const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv.gz"_s;
 
 const auto kDatabaseError = u"database error while loading"_s;
@@ -36,15 +40,6 @@ const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
 QString monthOf(QDate day)
 {
     return day.toString(u"yyyy-MM"_s);
-}
-
-/// Takes the first line off @p rest, and returns it without its line feed.
-QByteArrayView takeLine(QByteArrayView& rest)
-{
-    const qsizetype end = rest.indexOf('\n');
-    const QByteArrayView line = end < 0 ? rest : rest.first(end);
-    rest = end < 0 ? QByteArrayView() : rest.sliced(end + 1);
-    return line;
 }
 
 /// True for enough lines, a range among them: a table is not emptied for a long page about an error.
@@ -201,6 +196,8 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
 
 std::optional<CountryRange> parseCountryRange(QByteArrayView line)
 {
+    if (line.size() > kMaxRangeBytes)
+        return std::nullopt;
     line = line.trimmed();
     const qsizetype first = line.indexOf(',');
     const qsizetype second = first < 0 ? -1 : line.indexOf(',', first + 1);

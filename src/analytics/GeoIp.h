@@ -40,7 +40,7 @@ struct CountryRange
 };
 
 /// The range in a line; what stands behind the third field is passed over. Nothing when there are fewer
-/// fields or no country.
+/// fields or no country, or when the line has more than 1,024 bytes.
 std::optional<CountryRange> parseCountryRange(QByteArrayView line);
 
 /// The statement that stores @p rows ranges at once, for 3 positional values a row.

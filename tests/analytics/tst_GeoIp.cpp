@@ -282,6 +282,10 @@ private Q_SLOTS:
         QTest::newRow("empty") << QByteArray() << QByteArrayList();
         QTest::newRow("blank") << QByteArray(" \r") << QByteArrayList();
         QTest::newRow("commas-only") << QByteArray(",,") << QByteArrayList();
+        const QByteArray range = "1.0.0.0,1.0.0.255,AU,";
+        QTest::newRow("longest-line")
+            << range.leftJustified(1'024, 'x') << QByteArrayList{"1.0.0.0", "1.0.0.255", "AU"};
+        QTest::newRow("longest-line-plus-one") << range.leftJustified(1'025, 'x') << QByteArrayList();
         QTest::newRow("nul-in-address") << QByteArray("1.0\0.0,1.0.0.255,AU", 19)
                                         << QByteArrayList{QByteArray("1.0\0.0", 6), "1.0.0.255", "AU"};
     }
