@@ -1,5 +1,6 @@
 #include "common/Log.h"
 
+#include <QStringView>
 #include <QtGlobal>
 
 #include <unistd.h>
@@ -74,8 +75,9 @@ QString oneLine(const QString& text)
 
 QByteArray logLine(const QString& text)
 {
-    QByteArray line = text.toUtf8();
     constexpr qsizetype room = kMaxLogLineBytes - 1;
+    // A character takes a byte at least, so that what is behind cannot be in the line.
+    QByteArray line = QStringView(text).left(room + 1).toUtf8();
     if (line.size() > room) {
         line.truncate(wholeCharacters(line, room - kCutMark.size()));
         line += kCutMark;
