@@ -55,6 +55,27 @@ inline const QList<Shape>& hostileShapes()
     return shapes;
 }
 
+/// What else can stand in a text of several lines.
+inline const QList<Shape>& hostileLines()
+{
+    static const QList<Shape> shapes = {
+        {"line-feeds",        "\n"                                          },
+        {"lines",             "x\n"                                         },
+        {"lines-of-bytes-ff", "\xff\n"                                      },
+        {"lines-of-blanks",   " \n"                                         },
+        {"lines-with-colon",  ":\n"                                         },
+        {"apache",            "Total Accesses: 7\n"                         },
+        {"interfaces",        "a: 1 2 3 4 5 6 7 8 9\n"                      },
+        {"disks",             " 8 0 sda 1 2 3 4 5 6 7 8\n"                  },
+        {"blocks",            "SubState=s\n\n"                              },
+        {"states",            "SubState=s\n"                                },
+        {"times",             "ActiveEnterTimestamp=a 2024-10-12 13:55:36\n"},
+        {"memory",            "MemoryCurrent=7\n"                           },
+        {"mounts",            "1 0 8:0 / /a rw - a b c\n"                   },
+    };
+    return shapes;
+}
+
 /// @p size bytes of @p unit, again and again.
 inline QByteArray textOf(const QByteArray& unit, qsizetype size)
 {
