@@ -444,7 +444,7 @@ QString sync(const Client& client)
         return kDatabaseLost;
     if (!token.isEmpty())
         error = mapProperties(token);
-    const QString result = token.isEmpty() || !error.isEmpty() ? error : syncSites(token);
+    QString result = token.isEmpty() || !error.isEmpty() ? error : syncSites(token);
     if (!databaseIsLost())
         record(result);
     return result;
