@@ -9,8 +9,8 @@ namespace tarn::analytics {
 
 namespace {
 
-constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr auto kMonths = std::to_array<std::string_view>(
+    {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"});
 
 /// The zones that PostgreSQL and Qt know end at 16 hours either way.
 constexpr int kMaxOffsetSeconds = 16 * 3600;

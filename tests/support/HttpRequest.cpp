@@ -10,8 +10,8 @@ namespace tarn::test {
 namespace {
 
 /// What Qt's client sends with every request.
-constexpr std::array<QByteArrayView, 6> kUsualHeaders = {
-    "host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"};
+constexpr auto kUsualHeaders = std::to_array<QByteArrayView>(
+    {"host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"});
 
 bool isUsual(const QByteArray& name)
 {
