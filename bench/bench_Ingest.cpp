@@ -2,6 +2,7 @@
 // sessions and countries add to it, and what preparing the statement once is worth.
 
 #include "Measure.h"
+#include "analytics/HitTransaction.h"
 #include "analytics/Ingest.h"
 #include "common/Db.h"
 #include "support/ProductSession.h"

@@ -4,11 +4,11 @@
 #include "common/Gzip.h"
 #include "common/Http.h"
 #include "common/Lines.h"
+#include "common/Transaction.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QSqlDatabase>
-#include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
 #include <QUrl>
@@ -56,43 +56,23 @@ bool looksLikeCountryFile(const QByteArray& data)
     return false;
 }
 
-void logError(const QSqlError& error)
+bool insert(db::Transaction& transaction, const QList<CountryRange>& chunk)
 {
-    qWarning("sql: %s", qPrintable(error.text()));
-}
-
-/// The prepared statements of one load. They die after its transaction: in an aborted one they could not be
-/// freed, and would stay in the server.
-struct Statements
-{
-    std::optional<QSqlQuery> fullChunk; ///< for kRowsPerInsert ranges, bound again for each chunk
-    std::optional<QSqlQuery> lastChunk;
-    std::optional<QSqlQuery> month;
-};
-
-bool insert(Statements& statements, const QList<CountryRange>& chunk)
-{
-    std::optional<QSqlQuery>& query =
-        chunk.size() == kRowsPerInsert ? statements.fullChunk : statements.lastChunk;
-    if (!query)
-        query.emplace().prepare(rangeInsertStatement(chunk.size()));
+    QSqlQuery& query = transaction.prepare(rangeInsertStatement(chunk.size()));
     for (const CountryRange& range : chunk) {
-        query->addBindValue(QString::fromLatin1(range.from));
-        query->addBindValue(QString::fromLatin1(range.to));
-        query->addBindValue(QString::fromLatin1(range.country));
+        query.addBindValue(QString::fromLatin1(range.from));
+        query.addBindValue(QString::fromLatin1(range.to));
+        query.addBindValue(QString::fromLatin1(range.country));
     }
-    return db::exec(*query);
+    return db::exec(query);
 }
 
 /// Puts the ranges of @p data in place of those in the table; how many, or nothing when a statement failed.
-std::optional<qsizetype> replaceRanges(Statements& statements, QByteArrayView data)
+std::optional<qsizetype> replaceRanges(db::Transaction& transaction, QByteArrayView data)
 {
-    QSqlQuery truncation;
     // From here on readers of the table wait for the end of the transaction.
-    if (!truncation.exec(u"TRUNCATE tarn.geo_country"_s)) {
-        logError(truncation.lastError());
+    if (!db::run(u"TRUNCATE tarn.geo_country"_s))
         return std::nullopt;
-    }
     qsizetype total = 0;
     QList<CountryRange> chunk;
     chunk.reserve(kRowsPerInsert);
@@ -102,7 +82,7 @@ std::optional<qsizetype> replaceRanges(Statements& statements, QByteArrayView da
         const bool complete = chunk.size() == kRowsPerInsert || data.isEmpty();
         if (!complete || chunk.isEmpty())
             continue;
-        if (!insert(statements, chunk))
+        if (!insert(transaction, chunk))
             return std::nullopt;
         total += chunk.size();
         chunk.clear();
@@ -110,10 +90,9 @@ std::optional<qsizetype> replaceRanges(Statements& statements, QByteArrayView da
     return total;
 }
 
-bool storeMonth(Statements& statements, const QString& month)
+bool storeMonth(db::Transaction& transaction, const QString& month)
 {
-    QSqlQuery& query = statements.month.emplace();
-    query.prepare(kStoreMonth);
+    QSqlQuery& query = transaction.prepare(kStoreMonth);
     query.addBindValue(month);
     return db::exec(query);
 }
@@ -121,21 +100,12 @@ bool storeMonth(Statements& statements, const QString& month)
 /// Replaces the table and notes the month, both or neither. The number of ranges; nothing when it failed.
 std::optional<qsizetype> load(QByteArrayView data, const QString& month)
 {
-    QSqlDatabase database = db::session();
-    Statements statements;
-    if (!database.transaction()) {
-        logError(database.lastError());
+    db::Transaction transaction;
+    if (!transaction.begun())
         return std::nullopt;
-    }
-    const std::optional<qsizetype> total = replaceRanges(statements, data);
-    if (!total || !storeMonth(statements, month)) {
-        database.rollback();
+    const std::optional<qsizetype> total = replaceRanges(transaction, data);
+    if (!total || !storeMonth(transaction, month) || !transaction.commit())
         return std::nullopt;
-    }
-    if (!database.commit()) { // which ends the transaction all the same
-        logError(database.lastError());
-        return std::nullopt;
-    }
     return total;
 }
 

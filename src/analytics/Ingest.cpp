@@ -1,6 +1,7 @@
 #include "analytics/Ingest.h"
 
 #include "analytics/Classifier.h"
+#include "analytics/HitTransaction.h"
 #include "analytics/LogParser.h"
 #include "analytics/UrlText.h"
 #include "common/Db.h"
@@ -23,7 +24,7 @@ namespace tarn::analytics {
 
 namespace {
 
-constexpr qsizetype kRowsPerInsert = 200;
+constexpr qsizetype kRowsPerInsert = HitTransaction::kRowsPerInsert;
 constexpr qsizetype kMaxCountries = 200'000;
 constexpr qsizetype kMaxSessions = 50'000;
 constexpr qint64 kSessionGapSeconds = 1'800;
@@ -35,10 +36,6 @@ constexpr double kMaxEngagedSeconds = 21'600;
 
 /// Where the sites' tracking snippet reports how long a page was read: "/tarn-b?p=<path>&t=<seconds>".
 constexpr QByteArrayView kBeaconPath = "/tarn-b";
-
-const auto kCountryQuery =
-    u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
-    "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)"_s;
 
 /// SQLSTATE of a statement that names a table which does not exist; a missing schema gives it as well.
 constexpr auto kUndefinedTable = "42P01"_L1;
@@ -102,25 +99,14 @@ std::optional<Beacon> parseBeacon(QByteArrayView query)
     return Beacon{path, seconds};
 }
 
-/// The one column of the one row that @p query yields for @p ip, empty without a row; nothing when it fails.
-std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
+/// The number of a new session, outside a transaction.
+std::optional<qint64> nextSessionAlone()
 {
-    query.addBindValue(db::storable(ip));
-    query.addBindValue(db::storable(ip));
-    if (!db::exec(query))
-        return std::nullopt;
-    return query.next() ? query.value(0).toString() : QString();
-}
-
-/// A number that no session has had yet; nothing, and the reason in @p error, when there is none to be had.
-std::optional<qint64> nextSessionId(QString& error)
-{
-    QSqlQuery query;
-    if (!query.exec(u"SELECT nextval('tarn.session_seq')"_s) || !query.next()) {
-        error = query.lastError().text();
-        return std::nullopt;
-    }
-    return query.value(0).toLongLong();
+    QString error;
+    const std::optional<qint64> id = nextSessionId(error);
+    if (!id)
+        db::logFailure(error);
+    return id;
 }
 
 } // namespace
@@ -138,77 +124,6 @@ struct Ingest::Row
     Source source;
     Client client;
     QVariant engagedSecs; ///< a double for beacons, else null
-};
-
-/// The transaction of one call with the statements that are prepared once for it. They must not die before
-/// the transaction has ended: a statement cannot be freed inside an aborted transaction and would stay in the
-/// server.
-class Ingest::Transaction
-{
-public:
-    Transaction() { db::session().transaction(); }
-
-    /// Look-ups may fail without spoiling the hits around them: they run behind a savepoint, set once for all
-    /// that come between two batches. It is released before anything is written, so that rolling back to it
-    /// costs nothing but the failed look-up.
-    template <typename LookUp>
-    auto guarded(LookUp lookUp)
-    {
-        if (!m_guarded)
-            m_guarded = QSqlQuery().exec(u"SAVEPOINT look_up"_s);
-        auto result = lookUp();
-        if (!result && !QSqlQuery().exec(u"ROLLBACK TO SAVEPOINT look_up"_s))
-            m_spoilt = true;
-        return result;
-    }
-
-    std::optional<QString> country(const QString& ip)
-    {
-        return guarded([&] {
-            bool prepared = true;
-            if (!m_country)
-                prepared = m_country.emplace().prepare(kCountryQuery);
-            std::optional<QString> found = findCountry(*m_country, ip);
-            if (!prepared)
-                m_country.reset();
-            return found;
-        });
-    }
-
-    /// The statement for @p rows hits. That for a full batch is prepared once and bound again for each.
-    QSqlQuery& insertion(qsizetype rows)
-    {
-        if (m_guarded)
-            m_guarded = !QSqlQuery().exec(u"RELEASE SAVEPOINT look_up"_s);
-        std::optional<QSqlQuery>& query = rows == kRowsPerInsert ? m_fullBatch : m_lastBatch;
-        if (!query) {
-            query.emplace();
-            query->prepare(hitInsertStatement(rows));
-        }
-        return *query;
-    }
-
-    void spoil() { m_spoilt = true; }
-    /// True once nothing of the transaction can be kept: a batch was refused, or the session is lost.
-    bool isSpoilt() const { return m_spoilt; }
-
-    /// True the first time that it is asked.
-    bool isFirstSessionFailure() { return !std::exchange(m_sessionFailed, true); }
-
-    void commit()
-    {
-        QSqlDatabase database = db::session();
-        if (!database.commit() && !m_spoilt)
-            qWarning("sql: %s", qPrintable(database.lastError().text()));
-    }
-
-private:
-    std::optional<QSqlQuery> m_fullBatch;
-    std::optional<QSqlQuery> m_lastBatch;
-    std::optional<QSqlQuery> m_country;
-    bool m_guarded = false;
-    bool m_spoilt = false;
-    bool m_sessionFailed = false;
 };
 
 Ingest::Ingest() = default;
@@ -241,10 +156,25 @@ Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByte
         rows.clear();
     };
 
-    m_transaction = std::make_unique<Transaction>();
+    m_transaction = std::make_unique<HitTransaction>();
     for (const QByteArray& line : lines) {
-        if (std::optional<Row> row = rowFor(siteId, host, line, result))
-            rows.append(std::move(*row));
+        if (line.trimmed().isEmpty())
+            continue;
+        ++result.lines;
+        std::optional<LogLine> log = parseCombined(line);
+        if (!log || !isStorableTime(log->at)) {
+            ++result.skipped;
+            continue;
+        }
+        std::optional<Row> row = rowFor(std::move(*log));
+        if (!row)
+            continue;
+        result.days.insert(row->log.at.toLocalTime().date());
+        // Of a spoilt transaction nothing is kept: no id and no country is worth asking for.
+        if (m_transaction->isSpoilt())
+            continue;
+        identify(*row, siteId, host);
+        rows.append(std::move(*row));
         if (rows.size() == kRowsPerInsert)
             store();
     }
@@ -262,48 +192,39 @@ Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByte
     return result;
 }
 
-/// The hit in @p line, after counting the line in @p result; nothing when there is none to store.
-std::optional<Ingest::Row> Ingest::rowFor(int siteId, const QString& host, const QByteArray& line,
-                                          Result& result)
+/// The hit that @p log tells of, as far as the line alone says it; nothing for a beacon that makes no sense.
+std::optional<Ingest::Row> Ingest::rowFor(LogLine log)
 {
-    if (line.trimmed().isEmpty())
-        return std::nullopt;
-    ++result.lines;
-    std::optional<LogLine> log = parseCombined(line);
-    if (!log || !isStorableTime(log->at)) {
-        ++result.skipped;
-        return std::nullopt;
-    }
-
     Row row;
-    const qsizetype mark = log->target.indexOf('?');
-    const QByteArray rawPath = mark < 0 ? log->target : log->target.first(mark);
+    const qsizetype mark = log.target.indexOf('?');
+    const QByteArray rawPath = mark < 0 ? log.target : log.target.first(mark);
     if (rawPath == kBeaconPath) {
-        const std::optional<Beacon> beacon = parseBeacon(log->target.mid(kBeaconPath.size() + 1));
+        const std::optional<Beacon> beacon = parseBeacon(log.target.mid(kBeaconPath.size() + 1));
         if (!beacon)
             return std::nullopt;
         row.engagedSecs = beacon->seconds;
         row.path = beacon->path;
-        log->method = "BEACON";
-        log->status = 204;
+        log.method = "BEACON";
+        log.status = 204;
     } else {
         row.path = withoutNuls(percentDecoded(rawPath));
-        row.page = isPage(log->method, row.path);
+        row.page = isPage(log.method, row.path);
     }
-    result.days.insert(log->at.toLocalTime().date());
-    // Nothing of this call is kept: no id and no country is worth asking for.
-    if (m_transaction->isSpoilt())
-        return std::nullopt;
-
-    if (isAddress(log->ip))
-        row.ip = log->ip;
-    row.visitor = visitorHash(siteId, log->ip, log->userAgent, log->at.date());
-    row.session = sessionFor(row.visitor, log->at);
-    row.country = country(row.ip);
-    row.source = classifySource(log->referrer, log->target, host);
-    row.client = classifyClient(log->userAgent);
-    row.log = std::move(*log);
+    if (isAddress(log.ip))
+        row.ip = log.ip;
+    row.log = std::move(log);
     return row;
+}
+
+/// Adds to @p row who sent it, in which session, and from where.
+void Ingest::identify(Row& row, int siteId, const QString& host)
+{
+    const LogLine& log = row.log;
+    row.visitor = visitorHash(siteId, log.ip, log.userAgent, log.at.date());
+    row.session = sessionFor(row.visitor, log.at);
+    row.country = country(row.ip);
+    row.source = classifySource(log.referrer, log.target, host);
+    row.client = classifyClient(log.userAgent);
 }
 
 bool Ingest::insertBatch(int siteId, const QList<Row>& rows)
@@ -378,12 +299,7 @@ qint64 Ingest::sessionFor(const QByteArray& visitor, const QDateTime& at)
     Session& open = m_sessions[visitor];
     // Lines out of order give a negative gap, which is as good as a short one.
     if (open.id == 0 || open.last.secsTo(at) > kSessionGapSeconds) {
-        QString error;
-        const auto next = [&error] { return nextSessionId(error); };
-        open.id = (m_transaction ? m_transaction->guarded(next) : next()).value_or(0);
-        // Once for a call: every line of a new visitor would say the same.
-        if (open.id == 0 && (!m_transaction || m_transaction->isFirstSessionFailure()))
-            qWarning("sql: %s", qPrintable(error));
+        open.id = (m_transaction ? m_transaction->nextSession() : nextSessionAlone()).value_or(0);
     }
     if (!open.last.isValid() || at > open.last)
         open.last = at;
@@ -412,16 +328,6 @@ QString Ingest::country(const QString& ip)
         m_countries.clear();
     m_countries.insert(ip, found.value_or(QString()));
     return found.value_or(QString());
-}
-
-QString hitInsertStatement(qsizetype rows)
-{
-    const auto group = u"(?, ?, ?, ?, ?, ?, ?, CAST(? AS inet), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"_s;
-    return u"INSERT INTO tarn.hits (site_id, at, method, path, status, bytes, is_page, ip, visitor, "
-           u"session_id, "
-           "country, source_kind, source, referrer, search_terms, device, browser, os, bot, engaged_secs, "
-           "response_us) VALUES "_s
-           + QStringList(rows, group).join(u", "_s);
 }
 
 } // namespace tarn::analytics

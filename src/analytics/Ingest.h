@@ -16,6 +16,9 @@
 
 namespace tarn::analytics {
 
+class HitTransaction;
+struct LogLine;
+
 class Ingest
 {
 public:
@@ -67,9 +70,9 @@ private:
         QDateTime last; ///< time of the last hit; invalid for a new entry
     };
     struct Row;
-    class Transaction;
 
-    std::optional<Row> rowFor(int siteId, const QString& host, const QByteArray& line, Result& result);
+    static std::optional<Row> rowFor(LogLine log);
+    void identify(Row& row, int siteId, const QString& host);
     bool insertBatch(int siteId, const QList<Row>& rows);
     void pruneSessions();
 
@@ -77,10 +80,7 @@ private:
     QHash<QByteArray, Session> m_sessions; ///< by visitor id
     QHash<QString, QString> m_countries;   ///< by address
     bool m_haveGeo = false;
-    std::unique_ptr<Transaction> m_transaction; ///< of the running ingest(); null between calls
+    std::unique_ptr<HitTransaction> m_transaction; ///< of the running ingest(); null between calls
 };
-
-/// The statement that stores @p rows hits at once, for 21 positional values a row.
-QString hitInsertStatement(qsizetype rows);
 
 } // namespace tarn::analytics

@@ -2,16 +2,15 @@
 
 #include "analytics/UrlText.h"
 #include "common/Db.h"
+#include "common/Transaction.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSqlDatabase>
-#include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
 
 #include <algorithm>
-#include <list>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -19,8 +18,7 @@ namespace tarn::analytics {
 
 namespace {
 
-/// Detail rows to a statement.
-constexpr qsizetype kRows = 500;
+constexpr qsizetype kRowsPerInsert = 500;
 
 const auto kDayDeletion =
     u"DELETE FROM %1 WHERE site_id = ? AND engine = ? AND day BETWEEN CAST(? AS date) AND CAST(? AS date)"_s;
@@ -54,37 +52,9 @@ void bindFigures(QSqlQuery& query, const QJsonObject& row)
     query.addBindValue(row.value(u"position"_s).toDouble());
 }
 
-/// A transaction with the statements that are prepared in it. They must not die before it has ended: a
-/// statement cannot be freed inside an aborted transaction and would stay in the server.
-class Transaction
-{
-public:
-    bool begin() { return logged(m_session.transaction()); }
-    bool commit() { return logged(m_session.commit()); }
-    void rollback() { m_session.rollback(); }
-
-    QSqlQuery& prepare(const QString& statement)
-    {
-        QSqlQuery& query = m_statements.emplace_back(m_session);
-        query.prepare(statement);
-        return query;
-    }
-
-private:
-    bool logged(bool ok) const
-    {
-        if (!ok)
-            qWarning("sql: %s", qPrintable(m_session.lastError().text()));
-        return ok;
-    }
-
-    QSqlDatabase m_session = db::session();
-    std::list<QSqlQuery> m_statements; ///< a list, for their addresses to last
-};
-
 /// A deletion that fails is no reason to stop: it has spoilt the transaction, and the next insertion says so.
 /// False when the session is lost.
-bool deleteDays(Transaction& transaction, const Target& target)
+bool deleteDays(db::Transaction& transaction, const Target& target)
 {
     for (const QString& table : {u"tarn.search_days"_s, u"tarn.search_rows"_s}) {
         QSqlQuery& query = transaction.prepare(kDayDeletion.arg(table));
@@ -98,7 +68,7 @@ bool deleteDays(Transaction& transaction, const Target& target)
     return true;
 }
 
-bool insertDays(Transaction& transaction, const Target& target, const QJsonArray& totals)
+bool insertDays(db::Transaction& transaction, const Target& target, const QJsonArray& totals)
 {
     QSqlQuery& query = transaction.prepare(kDayInsertion);
     return std::all_of(totals.begin(), totals.end(), [&](const QJsonValue& value) {
@@ -111,28 +81,23 @@ bool insertDays(Transaction& transaction, const Target& target, const QJsonArray
     });
 }
 
-bool insertRows(Transaction& transaction, const Target& target, const QJsonArray& rows)
+bool insertRows(db::Transaction& transaction, const Target& target, const QJsonArray& rows)
 {
-    QSqlQuery* query = nullptr;
-    qsizetype prepared = 0;
-    for (qsizetype start = 0; start < rows.size(); start += kRows) {
-        const qsizetype count = std::min(kRows, rows.size() - start);
-        // The statement of a full batch is bound again for each.
-        if (prepared != count)
-            query = &transaction.prepare(searchRowInsertStatement(count));
-        prepared = count;
+    for (qsizetype start = 0; start < rows.size(); start += kRowsPerInsert) {
+        const qsizetype count = std::min(kRowsPerInsert, rows.size() - start);
+        QSqlQuery& query = transaction.prepare(searchRowInsertStatement(count));
         for (qsizetype i = start; i < start + count; ++i) {
             const QJsonObject row = rows.at(i).toObject();
-            query->addBindValue(target.siteId);
-            query->addBindValue(target.engine);
-            query->addBindValue(keyOf(row, 0));
-            query->addBindValue(keyOf(row, 1));
-            query->addBindValue(pathOf(keyOf(row, 2)));
-            query->addBindValue(keyOf(row, 3).toLower());
-            query->addBindValue(keyOf(row, 4).toLower());
-            bindFigures(*query, row);
+            query.addBindValue(target.siteId);
+            query.addBindValue(target.engine);
+            query.addBindValue(keyOf(row, 0));
+            query.addBindValue(keyOf(row, 1));
+            query.addBindValue(pathOf(keyOf(row, 2)));
+            query.addBindValue(keyOf(row, 3).toLower());
+            query.addBindValue(keyOf(row, 4).toLower());
+            bindFigures(query, row);
         }
-        if (!db::exec(*query))
+        if (!db::exec(query))
             return false;
     }
     return true;
@@ -140,15 +105,10 @@ bool insertRows(Transaction& transaction, const Target& target, const QJsonArray
 
 bool store(const Target& target, const QJsonArray& totals, const QJsonArray& rows)
 {
-    Transaction transaction;
+    db::Transaction transaction;
     // Without one each statement would stand on its own, the deletions first of all.
-    if (!transaction.begin())
-        return false;
-    if (deleteDays(transaction, target) && insertDays(transaction, target, totals)
-        && insertRows(transaction, target, rows))
-        return transaction.commit();
-    transaction.rollback();
-    return false;
+    return transaction.begun() && deleteDays(transaction, target) && insertDays(transaction, target, totals)
+           && insertRows(transaction, target, rows) && transaction.commit();
 }
 
 } // namespace

@@ -186,6 +186,12 @@ bool exec(QSqlQuery& query, const QString& statement)
     return false;
 }
 
+bool run(const QString& statement)
+{
+    QSqlQuery query;
+    return exec(query, statement);
+}
+
 void logFailure(const QString& reason)
 {
     if (reason.trimmed().isEmpty() && !session().isOpen()) {

@@ -26,8 +26,11 @@ bool ensure(bool force);
 
 /// Runs a prepared query. A failure is logged as "sql: ..." and gives false.
 bool exec(QSqlQuery& query);
-/// Runs @p statement, which has no values to bind, on @p query. The same with a failure.
+/// Runs @p statement, which has no values to bind, on @p query, for its result. The same with a failure.
 bool exec(QSqlQuery& query, const QString& statement);
+
+/// Runs @p statement, which has no values to bind and no result. A failure is logged, and gives false.
+bool run(const QString& statement);
 
 /// Logs @p reason as "sql: ...". Behind the first statement that fails with a lost session the driver gives
 /// no reason; the line then names that loss.

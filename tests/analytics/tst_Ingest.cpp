@@ -1,3 +1,4 @@
+#include "analytics/HitTransaction.h"
 #include "analytics/Ingest.h"
 #include "common/Db.h"
 #include "support/Messages.h"
