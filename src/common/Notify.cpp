@@ -4,6 +4,7 @@
 #include "common/Smtp.h"
 #include "common/Webhook.h"
 
+#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSettings>
@@ -58,12 +59,11 @@ bool isUnprotected(const Config& config)
            && config.smtpHost != u"localhost" && config.smtpHost != u"127.0.0.1";
 }
 
-QString mail(const Config& config, const Message& message)
+QString mail(const Config& config, const Notice& notice)
 {
     if (isUnprotected(config))
         return u"smtp_security=none is only allowed for a relay on this machine"_s;
-    const QString text = body(config, message);
-    return Smtp(config).send(title(config, message), text);
+    return Smtp(config).send(notice.title, notice.body);
 }
 
 } // namespace
@@ -104,14 +104,16 @@ QJsonObject describe(const Config& config)
 
 QJsonArray send(const Config& config, const Message& message)
 {
+    // Once: the webhook's wait can last until the next minute, and the mail must not say another one.
+    const Notice notice = compose(config, message, QDateTime::currentDateTime());
     QJsonArray report;
     const auto note = [&report](const QString& channel, const QString& error) {
-        report.append(result(channel, oneLine(error)));
+        report.append(result(channel, controlsBlanked(error)));
     };
     if (!config.webhookUrl.isEmpty())
-        note(u"webhook"_s, postToWebhook(config, message));
+        note(u"webhook"_s, postToWebhook(config, message, notice));
     if (sendsMail(config))
-        note(u"email"_s, mail(config, message));
+        note(u"email"_s, mail(config, notice));
 
     for (const QJsonValueConstRef entry : std::as_const(report)) {
         if (!entry[u"ok"].toBool()) {

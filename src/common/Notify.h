@@ -2,8 +2,7 @@
 // says. Keeps nothing: what cannot be delivered is reported, logged and lost.
 #pragma once
 
-#include <QString>
-#include <QStringList>
+#include "common/NotifyMessage.h"
 
 class QJsonArray;
 class QJsonObject;
@@ -11,33 +10,9 @@ class QSettings;
 
 namespace tarn::notify {
 
-/// Where messages go, and how this server is called in them.
-struct Config
-{
-    QString host;          ///< name of this server, as shown
-    QString panelUrl;      ///< the panel's health page; empty: no public address
-    QString webhookUrl;    ///< empty: no webhook
-    QString webhookFormat; ///< "ntfy", "discord", "slack"; anything else: generic JSON
-    QString smtpHost;      ///< empty: no e-mail
-    qint32 smtpPort = 465;
-    QString smtpSecurity; ///< "ssl" or "starttls"; anything else is unencrypted, and for this machine only
-    QString smtpUser;     ///< empty: no sign-in
-    QString smtpPassword;
-    QString mailFrom;   ///< sender, in the envelope and in the mail
-    QStringList mailTo; ///< empty: no e-mail
-};
-
-/// An alert, its end, or a test of the channels.
-struct Message
-{
-    QString kind;    ///< the check that raised it ("memory", "disk", ...), or "test"
-    QString subject; ///< what it is about: a mount point, a unit, an account
-    QString text;    ///< a sentence without its full stop
-    bool cleared = false;
-    qint64 openSeconds = 0; ///< of a cleared alert: how long it was open
-};
-
-/// Reads the `notify/...` settings and `web/public_url`.
+/// Reads the `notify/...` settings and `web/public_url`. Values are taken as they are written: whether they
+/// make sense shows when a message is sent. A port that is no number of 32 bits is 0. Recipients are trimmed,
+/// and empty ones left out.
 Config load(const QSettings& settings);
 
 /// What is configured, for the panel: {"webhook": "ntfy · ntfy.example.org",
@@ -45,7 +20,8 @@ Config load(const QSettings& settings);
 /// a webhook, which can contain a secret, is not shown.
 QJsonObject describe(const Config& config);
 
-/// Delivers @p message over every configured channel, one after the other, and returns an entry for each:
+/// Delivers @p message over every configured channel, one after the other, with the same title, text and time
+/// (that of the call), and returns an entry for each:
 /// {"channel": "webhook", "ok": false, "error": "..."}, {"channel": "email", "ok": true}. Failures are logged
 /// as well. Returns after some 10 seconds a step at worst. The waits run a local event loop, so that timers
 /// are served meanwhile: never to be called with a transaction open.

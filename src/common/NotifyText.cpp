@@ -1,8 +1,7 @@
 #include "common/NotifyText.h"
 
-#include "common/Notify.h"
+#include "common/NotifyMessage.h"
 
-#include <QDateTime>
 #include <QLocale>
 
 #include <algorithm>
@@ -65,6 +64,11 @@ QString body(const Config& config, const Message& message, const QDateTime& now)
     return text;
 }
 
+Notice compose(const Config& config, const Message& message, const QDateTime& now)
+{
+    return {title(config, message), body(config, message, now), now};
+}
+
 QJsonObject result(const QString& channel, const QString& error)
 {
     QJsonObject entry{
@@ -76,7 +80,7 @@ QJsonObject result(const QString& channel, const QString& error)
     return entry;
 }
 
-QString oneLine(QString text)
+QString controlsBlanked(QString text)
 {
     for (QChar& character : text) {
         if (character.category() == QChar::Other_Control)
@@ -87,7 +91,7 @@ QString oneLine(QString text)
 
 QString excerpt(const QString& text)
 {
-    QString cut = oneLine(text).left(kExcerptCharacters);
+    QString cut = controlsBlanked(text).left(kExcerptCharacters);
     // Half of a character beyond the first 65,536 is none.
     if (!cut.isEmpty() && cut.back().isHighSurrogate())
         cut.chop(1);

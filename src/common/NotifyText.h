@@ -2,10 +2,9 @@
 // on its delivery. Private to the notification unit.
 #pragma once
 
+#include <QDateTime>
 #include <QJsonObject>
 #include <QString>
-
-class QDateTime;
 
 namespace tarn::notify {
 
@@ -25,15 +24,27 @@ QString body(const Config& config, const Message& message);
 /// The same at the local time @p now.
 QString body(const Config& config, const Message& message, const QDateTime& now);
 
+/// A message as every channel says it: composed once, so that all say the same moment.
+struct Notice
+{
+    QString title;
+    QString body;
+    QDateTime at; ///< local time
+};
+
+/// @p message at the local time @p now.
+Notice compose(const Config& config, const Message& message, const QDateTime& now);
+
 /// An entry of the report: {"channel": "email", "ok": true}, and with an @p error {"channel": "email",
 /// "ok": false, "error": "..."}.
 QJsonObject result(const QString& channel, const QString& error);
 
-/// @p text as it can stand in a header, a command or a line of the log: each control character, the ends of
-/// lines above all, is a blank.
-QString oneLine(QString text);
+/// @p text as it can stand in a header or a command: each control character, line ends among them, is a
+/// blank. The length stays.
+QString controlsBlanked(QString text);
 
-/// @p text of somebody else's, on one line and not longer than what a reader of the log can want.
+/// The first 300 characters of a text that somebody else has written, as controlsBlanked() gives them. No
+/// character is cut in half.
 QString excerpt(const QString& text);
 
 } // namespace tarn::notify

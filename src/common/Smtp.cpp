@@ -1,6 +1,6 @@
 #include "common/Smtp.h"
 
-#include "common/Notify.h"
+#include "common/NotifyMessage.h"
 #include "common/NotifyText.h"
 
 #include <QDateTime>
@@ -468,7 +468,7 @@ bool Smtp::command(const QByteArray& line, int code, QList<QByteArray>* reply)
 
 bool Smtp::ehlo(QList<QByteArray>* extensions)
 {
-    return command("EHLO " + oneLine(QSysInfo::machineHostName()).toUtf8(), 250, extensions);
+    return command("EHLO " + controlsBlanked(QSysInfo::machineHostName()).toUtf8(), 250, extensions);
 }
 
 QByteArray mailMessage(const Config& config, const QString& subject, const QString& text,
@@ -477,7 +477,7 @@ QByteArray mailMessage(const Config& config, const QString& subject, const QStri
     const QByteArray from = config.mailFrom.toUtf8();
     const QByteArray domain = from.mid(from.indexOf('@') + 1);
     return "From: Tarnhold <" + from + ">\r\n" + recipientsHeader(config.mailTo) + "\r\n"
-           + subjectHeader(oneLine(subject)) + "\r\nDate: " + mailDate(now) + "\r\nMessage-ID: <"
+           + subjectHeader(controlsBlanked(subject)) + "\r\nDate: " + mailDate(now) + "\r\nMessage-ID: <"
            + id.toByteArray(QUuid::WithoutBraces) + '@' + domain
            + ">\r\nMIME-Version: 1.0\r\nContent-Type: text/plain; charset=utf-8\r\n"
              "Content-Transfer-Encoding: base64\r\n\r\n"

@@ -1,10 +1,9 @@
 #include "common/Webhook.h"
 
 #include "common/Http.h"
-#include "common/Notify.h"
+#include "common/NotifyMessage.h"
 #include "common/NotifyText.h"
 
-#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -31,7 +30,7 @@ constexpr QChar kAddressMark = u'\n';
 
 QByteArray headerValue(const QString& text)
 {
-    return oneLine(text).toUtf8();
+    return controlsBlanked(text).toUtf8();
 }
 
 /// @p text as a JSON string, with its quotation marks.
@@ -41,13 +40,13 @@ QByteArray quoted(const QString& text)
     return array.sliced(1, array.size() - 2);
 }
 
-WebhookPayload ntfyPayload(const Config& config, const Message& message, const QDateTime& now)
+WebhookPayload ntfyPayload(const Config& config, const Message& message, const Notice& notice)
 {
     const bool isTest = message.kind == u"test";
     const QByteArray priority = message.cleared || isTest ? "default" : "high";
     const QByteArray tag = message.cleared ? "white_check_mark" : (isTest ? "bell" : "warning");
-    WebhookPayload payload{"text/plain; charset=utf-8", {}, body(config, message, now).toUtf8()};
-    payload.headers.append({"Title", headerValue(title(config, message))});
+    WebhookPayload payload{"text/plain; charset=utf-8", {}, notice.body.toUtf8()};
+    payload.headers.append({"Title", headerValue(notice.title)});
     payload.headers.append({"Priority", priority});
     payload.headers.append({"Tags", tag});
     if (!config.panelUrl.isEmpty())
@@ -56,13 +55,13 @@ WebhookPayload ntfyPayload(const Config& config, const Message& message, const Q
 }
 
 /// By hand, since the order of the members is promised and Qt's objects sort them.
-QByteArray genericBody(const Config& config, const Message& message, const QDateTime& now)
+QByteArray genericBody(const Config& config, const Message& message, const Notice& notice)
 {
-    return "{\"title\":" + quoted(title(config, message))
-           + ",\"message\":" + quoted(body(config, message, now)) + ",\"host\":" + quoted(config.host)
-           + ",\"kind\":" + quoted(message.kind) + ",\"subject\":" + quoted(message.subject)
-           + ",\"status\":" + (message.cleared ? "\"cleared\"" : "\"open\"") + ",\"at\":"
-           + QByteArray::number(now.toSecsSinceEpoch()) + ",\"url\":" + quoted(config.panelUrl) + '}';
+    return "{\"title\":" + quoted(notice.title) + ",\"message\":" + quoted(notice.body)
+           + ",\"host\":" + quoted(config.host) + ",\"kind\":" + quoted(message.kind) + ",\"subject\":"
+           + quoted(message.subject) + ",\"status\":" + (message.cleared ? "\"cleared\"" : "\"open\"")
+           + ",\"at\":" + QByteArray::number(notice.at.toSecsSinceEpoch())
+           + ",\"url\":" + quoted(config.panelUrl) + '}';
 }
 
 bool isUsable(const QUrl& address)
@@ -111,7 +110,8 @@ QStringList secretsOf(const QUrl& address)
     for (const QString& secret : std::as_const(encoded)) {
         // Of what may be written both ways, the network layer shows some things decoded and others not.
         const QString pretty = QUrl(u"?"_s + secret).query(QUrl::PrettyDecoded);
-        secrets += {secret, oneLine(pretty), oneLine(QUrl::fromPercentEncoding(secret.toUtf8()))};
+        secrets +=
+            {secret, controlsBlanked(pretty), controlsBlanked(QUrl::fromPercentEncoding(secret.toUtf8()))};
     }
     secrets.removeIf([](const QString& secret) { return secret.size() < kSecretCharacters; });
     std::sort(secrets.begin(), secrets.end(),
@@ -121,28 +121,26 @@ QStringList secretsOf(const QUrl& address)
 
 } // namespace
 
-WebhookPayload webhookPayload(const Config& config, const Message& message, const QDateTime& now)
+WebhookPayload webhookPayload(const Config& config, const Message& message, const Notice& notice)
 {
     if (config.webhookFormat == u"ntfy")
-        return ntfyPayload(config, message, now);
-    const QString heading = title(config, message);
-    const QString text = body(config, message, now);
+        return ntfyPayload(config, message, notice);
     QJsonObject object;
     if (config.webhookFormat == u"discord")
-        object.insert(u"content"_s, u"**"_s + heading + u"**\n"_s + text);
+        object.insert(u"content"_s, u"**"_s + notice.title + u"**\n"_s + notice.body);
     if (config.webhookFormat == u"slack")
-        object.insert(u"text"_s, u"*"_s + heading + u"*\n"_s + text);
-    const QByteArray json = object.isEmpty() ? genericBody(config, message, now)
+        object.insert(u"text"_s, u"*"_s + notice.title + u"*\n"_s + notice.body);
+    const QByteArray json = object.isEmpty() ? genericBody(config, message, notice)
                                              : QJsonDocument(object).toJson(QJsonDocument::Compact);
     return {"application/json", {}, json};
 }
 
-QString postToWebhook(const Config& config, const Message& message)
+QString postToWebhook(const Config& config, const Message& message, const Notice& notice)
 {
     const QUrl address(config.webhookUrl);
     if (!isUsable(address))
         return u"webhook_url is not an http or https address"_s;
-    const WebhookPayload payload = webhookPayload(config, message, QDateTime::currentDateTime());
+    const WebhookPayload payload = webhookPayload(config, message, notice);
     const QString problem = problemOf(http::exchange(requestFor(address, payload), kLimits));
     return excerpt(withoutAddress(problem, config.webhookUrl));
 }
@@ -150,13 +148,13 @@ QString postToWebhook(const Config& config, const Message& message)
 QString withoutAddress(const QString& text, const QString& address)
 {
     const QUrl url(address);
-    QString rest = oneLine(text);
+    QString rest = controlsBlanked(text);
     for (const QUrl& form : {url, url.adjusted(QUrl::RemovePassword), url.adjusted(QUrl::RemoveUserInfo)}) {
         const QString encoded = form.toString(QUrl::FullyEncoded);
         for (const QString& whole :
              {form.toString(QUrl::PrettyDecoded), encoded, QUrl::fromPercentEncoding(encoded.toLatin1())}) {
             if (!whole.isEmpty())
-                rest.replace(oneLine(whole), QString(kAddressMark), Qt::CaseInsensitive);
+                rest.replace(controlsBlanked(whole), QString(kAddressMark), Qt::CaseInsensitive);
         }
     }
     // A server can repeat what it was asked for in its own words.

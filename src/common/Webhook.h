@@ -7,12 +7,11 @@
 #include <QPair>
 #include <QString>
 
-class QDateTime;
-
 namespace tarn::notify {
 
 struct Config;
 struct Message;
+struct Notice;
 
 /// A message as a webhook gets it.
 struct WebhookPayload
@@ -22,19 +21,20 @@ struct WebhookPayload
     QByteArray body;
 };
 
-/// @p message at the local time @p now, in the form of `config.webhookFormat`:
+/// @p message, composed as @p notice, in the form of `config.webhookFormat`:
 ///
 ///     ntfy     text, title and priority in headers   https://docs.ntfy.sh/publish/
 ///     discord  {"content": "**title**\nbody"}        https://discord.com/developers/docs/resources/webhook
 ///     slack    {"text": "*title*\nbody"}             https://api.slack.com/messaging/webhooks
 ///     other    {"title": ..., "message": ..., "host": ..., "kind": ..., "subject": ..., "status": "open",
 ///              "at": 1718445000, "url": ...}, in this order
-WebhookPayload webhookPayload(const Config& config, const Message& message, const QDateTime& now);
+WebhookPayload webhookPayload(const Config& config, const Message& message, const Notice& notice);
 
-/// Posts @p message and waits for the answer in a local event loop. Empty when the webhook has taken it,
-/// which only an answer of 200 to 299 says (a redirect is not followed); otherwise the reason, without any
-/// part of the address that can be secret.
-QString postToWebhook(const Config& config, const Message& message);
+/// Posts @p message, composed as @p notice, to `config.webhookUrl` and waits for the answer in a local event
+/// loop: for 10 seconds of silence and 12 in all at most. Empty when the answer has a status of 200 to 299.
+/// Otherwise the reason in 300 characters at most, without any part of the address that can be secret.
+/// Redirects are not followed, a second attempt is not made, and nothing is logged.
+QString postToWebhook(const Config& config, const Message& message, const Notice& notice);
 
 /// @p text with what it contains of @p address reduced to scheme, host and port: a webhook's path, query and
 /// user part are its password. Percent-encoded or not.

@@ -24,6 +24,7 @@
 
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <vector>
 
 using namespace Qt::Literals::StringLiterals;
@@ -514,7 +515,8 @@ private Q_SLOTS:
         config.panelUrl = u"https://x/\"\n"_s;
         config.webhookFormat = format;
         const QDateTime now(QDate(2024, 6, 5), QTime(9, 7));
-        const notify::WebhookPayload payload = notify::webhookPayload(config, message, now);
+        const notify::WebhookPayload payload =
+            notify::webhookPayload(config, message, notify::compose(config, message, now));
         QCOMPARE(payload.contentType, QByteArray("application/json"));
         QVERIFY(payload.headers.isEmpty());
         for (const char byte : payload.body)
@@ -1004,6 +1006,31 @@ private Q_SLOTS:
         config.mailFrom.clear();
         QCOMPARE(compact(notify::send(config, kAlert)), "[{\"channel\":\"email\",\"ok\":true}]");
         QVERIFY(server.commands().contains("MAIL FROM:<>"));
+    }
+
+    void allChannelsSayTheSameTime()
+    {
+        test::FakeSmtp server;
+        QVERIFY(server.takeMail());
+        Config config = mailConfig(server.port());
+        config.webhookUrl = m_web.url(u"/topic"_s);
+        config.webhookFormat = u"json"_s;
+        // As if the webhook's answer came three hours later.
+        std::optional<Zone> later;
+        m_web.answer([&later](const FakeHttp::Request&) {
+            later.emplace("TST-3");
+            return FakeHttp::reply("200 OK");
+        });
+        QCOMPARE(notify::send(config, kAlert).size(), 2);
+        QVERIFY(later);
+        QCOMPARE(m_web.requests().size(), 1);
+        const QJsonObject posted = m_web.requests().first().json();
+        QCOMPARE(server.mails().size(), 1);
+        QCOMPARE(test::parsedMail(server.mails().first())[u"text"].toString(), posted[u"message"].toString());
+        QCOMPARE(
+            QDateTime::fromSecsSinceEpoch(posted[u"at"].toInteger(), Qt::UTC).toString(u"yyyy-MM-dd HH:mm"_s),
+            posted[u"message"].toString().section(u"Time: "_s, 1).section(u" UTC"_s, 0, 0));
+        QCOMPARE(server.complaints(), QStringList());
     }
 
     void bothChannelsFail()
