@@ -4,6 +4,7 @@
 #include "analytics/UrlText.h"
 #include "common/Db.h"
 #include "common/Http.h"
+#include "common/Settings.h"
 
 #include <QHash>
 #include <QJsonArray>
@@ -362,10 +363,12 @@ QString syncSites(const QString& token)
 
 Client clientFrom(const QSettings& settings)
 {
-    const QString base = settings.value(u"web/public_url"_s, u"http://localhost:8095"_s).toString();
-    return {.id = settings.value(u"google/client_id"_s).toString().trimmed(),
-            .secret = settings.value(u"google/client_secret"_s).toString().trimmed(),
-            .redirectUri = base + u"/oauth/google/callback"_s};
+    const auto text = [&settings](const Setting& setting) {
+        return settingValue(settings, setting).toString();
+    };
+    return {.id = text(settingOf(kGoogleSettings, "google/client_id")).trimmed(),
+            .secret = text(settingOf(kGoogleSettings, "google/client_secret")).trimmed(),
+            .redirectUri = text(settingOf(kGoogleSettings, "web/public_url")) + u"/oauth/google/callback"_s};
 }
 
 QString authUrl(const Client& client, const QString& state)

@@ -9,6 +9,7 @@
 #include "common/Config.h"
 #include "common/Db.h"
 #include "common/Log.h"
+#include "common/Settings.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -179,6 +180,7 @@ int main(int argc, char** argv)
     if (path.isEmpty())
         return 1;
     const QSettings settings(path, QSettings::IniFormat);
+    checkSettings(settings);
 
     if (!db::open(settings, QCoreApplication::applicationName()))
         return 1;

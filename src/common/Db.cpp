@@ -1,5 +1,7 @@
 #include "common/Db.h"
 
+#include "common/Settings.h"
+
 #include <QAbstractEventDispatcher>
 #include <QSettings>
 #include <QSqlDatabase>
@@ -120,12 +122,15 @@ bool open(const QSettings& settings, const QString& applicationName)
     if (!qEnvironmentVariableIsSet("PGCONNECT_TIMEOUT"))
         qputenv("PGCONNECT_TIMEOUT", kConnectTimeout);
 
+    const auto text = [&settings](const Setting& setting) {
+        return settingValue(settings, setting).toString();
+    };
     QSqlDatabase database = QSqlDatabase::addDatabase(u"QPSQL"_s);
-    database.setHostName(settings.value(u"database/host"_s, u"/var/run/postgresql"_s).toString());
-    database.setPort(settings.value(u"database/port"_s, 5432).toInt());
-    database.setDatabaseName(settings.value(u"database/name"_s, u"tarnhold"_s).toString());
-    database.setUserName(settings.value(u"database/user"_s).toString());
-    database.setPassword(settings.value(u"database/password"_s).toString());
+    database.setHostName(text(settingOf(kDatabaseSettings, "database/host")));
+    database.setPort(settingValue(settings, settingOf(kDatabaseSettings, "database/port")).toInt());
+    database.setDatabaseName(text(settingOf(kDatabaseSettings, "database/name")));
+    database.setUserName(text(settingOf(kDatabaseSettings, "database/user")));
+    database.setPassword(text(settingOf(kDatabaseSettings, "database/password")));
     database.setConnectOptions(u"application_name="_s + applicationName
                                + u";options='-c client_min_messages=warning'"_s);
     if (!database.open()) {
@@ -137,7 +142,8 @@ bool open(const QSettings& settings, const QString& applicationName)
         QObject::connect(dispatcher, &QAbstractEventDispatcher::awake, database.driver(), closeIfLost);
     }
     const QString systemZone = QString::fromLatin1(QTimeZone::systemTimeZoneId());
-    g_timeZone = settings.value(u"database/timezone"_s, systemZone).toString();
+    g_timeZone =
+        settingValue(settings, settingOf(kDatabaseSettings, "database/timezone"), systemZone).toString();
     setTimeZone();
     return true;
 }

@@ -1,6 +1,7 @@
 #include "common/Notify.h"
 
 #include "common/NotifyText.h"
+#include "common/Settings.h"
 #include "common/Smtp.h"
 #include "common/Webhook.h"
 
@@ -25,14 +26,6 @@ int usualPort(const QString& security)
     if (security == u"ssl")
         return 465;
     return security == u"starttls" ? 587 : 25;
-}
-
-/// 0, which is no port either, for what is no number of 32 bits.
-qint32 portNumber(const QVariant& value)
-{
-    // Of a text with a greater number, toInt() gives the lower bits.
-    const qint64 number = value.toLongLong();
-    return std::in_range<qint32>(number) ? static_cast<qint32>(number) : 0;
 }
 
 /// The recipients, however the value is written: the settings file gives a list for `a, b` and a text for
@@ -70,23 +63,27 @@ QString mail(const Config& config, const Notice& notice)
 
 Config load(const QSettings& settings)
 {
-    const auto text = [&settings](QAnyStringView key, const QString& otherwise = {}) {
-        return settings.value(key.toString(), otherwise).toString();
+    const auto text = [&settings](const Setting& setting, const QString& computed = {}) {
+        return (computed.isEmpty() ? settingValue(settings, setting)
+                                   : settingValue(settings, setting, computed))
+            .toString();
     };
+    constexpr std::span table(kNotifySettings);
     Config config;
-    config.host = text(u"notify/host_name", QSysInfo::machineHostName());
-    config.panelUrl = text(u"web/public_url");
+    config.host = text(settingOf(table, "notify/host_name"), QSysInfo::machineHostName());
+    config.panelUrl = text(settingOf(table, "web/public_url"));
     if (!config.panelUrl.isEmpty())
         config.panelUrl += u"/#/health"_s;
-    config.webhookUrl = text(u"notify/webhook_url");
-    config.webhookFormat = text(u"notify/webhook_format", u"ntfy"_s);
-    config.smtpHost = text(u"notify/smtp_host");
-    config.smtpSecurity = text(u"notify/smtp_security", u"ssl"_s);
-    config.smtpPort = portNumber(settings.value(u"notify/smtp_port"_s, usualPort(config.smtpSecurity)));
-    config.smtpUser = text(u"notify/smtp_user");
-    config.smtpPassword = text(u"notify/smtp_password");
-    config.mailFrom = text(u"notify/mail_from", config.smtpUser);
-    config.mailTo = recipients(settings.value(u"notify/mail_to"_s));
+    config.webhookUrl = text(settingOf(table, "notify/webhook_url"));
+    config.webhookFormat = text(settingOf(table, "notify/webhook_format"));
+    config.smtpHost = text(settingOf(table, "notify/smtp_host"));
+    config.smtpSecurity = text(settingOf(table, "notify/smtp_security"));
+    config.smtpPort = portNumber(
+        settingValue(settings, settingOf(table, "notify/smtp_port"), usualPort(config.smtpSecurity)));
+    config.smtpUser = text(settingOf(table, "notify/smtp_user"));
+    config.smtpPassword = text(settingOf(table, "notify/smtp_password"));
+    config.mailFrom = text(settingOf(table, "notify/mail_from"), config.smtpUser);
+    config.mailTo = recipients(settingValue(settings, settingOf(table, "notify/mail_to")));
     return config;
 }
 

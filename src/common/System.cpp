@@ -2,6 +2,7 @@
 
 #include "common/Lines.h"
 #include "common/Mounts.h"
+#include "common/Settings.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -206,7 +207,7 @@ QJsonArray disks(const QList<Volume>& volumes)
 
 QStringList monitoredServices(const QSettings& settings)
 {
-    const QVariant stored = settings.value(u"health/services"_s, u"apache2,postgresql"_s);
+    const QVariant stored = settingValue(settings, settingOf(kServiceSettings, "health/services"));
     // A value with commas and without quotes is read as a list.
     const QStringList pieces =
         stored.typeId() == QMetaType::QStringList ? stored.toStringList() : stored.toString().split(u',');

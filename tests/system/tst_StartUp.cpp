@@ -235,6 +235,20 @@ private Q_SLOTS:
         QVERIFY(m_collector->isRunning());
     }
 
+    void settingsThatMakeNoSenseAreNamedOnce()
+    {
+        m_collector->settings[u"health/disk_alert_pct"_s] = u"90%"_s;
+        m_collector->settings[u"hosting/db_limit_read_only"_s] = u"no"_s;
+        m_collector->settings[u"notify/smtp_password"_s] = u"12 secret"_s;
+        m_collector->start();
+        QVERIFY(m_collector->waitForLog(
+            u"settings: hosting/db_limit_read_only=no is neither true nor false; true is used"_s));
+        QCOMPARE(m_collector->log().filter(u"settings: "_s).size(), 2);
+        QCOMPARE(m_collector->log().filter(u"secret"_s), QStringList());
+        QVERIFY(
+            m_collector->log().contains(u"settings: health/disk_alert_pct=90% is no number; 0 is used"_s));
+    }
+
     void rollsUpAndTidiesAtStart()
     {
         run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org')"_s);

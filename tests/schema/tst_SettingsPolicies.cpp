@@ -23,7 +23,7 @@ QString upsert(const QString& key, const QString& value)
 
 } // namespace
 
-class tst_Settings : public QObject
+class tst_SettingsPolicies : public QObject
 {
     Q_OBJECT
 
@@ -183,5 +183,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_Settings)
-#include "tst_Settings.moc"
+QTEST_GUILESS_MAIN(tst_SettingsPolicies)
+#include "tst_SettingsPolicies.moc"
