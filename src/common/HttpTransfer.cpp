@@ -1,14 +1,10 @@
 #include "common/HttpTransfer.h"
 
+#include "common/HttpPeer.h"
+
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QNetworkProxy>
-#include <QNetworkProxyFactory>
-#include <QNetworkProxyQuery>
 #include <QSocketNotifier>
-#include <QSslCertificate>
-#include <QSslConfiguration>
-#include <QStringList>
 
 #include <algorithm>
 #include <csignal>
@@ -24,19 +20,6 @@ namespace {
 /// Google compresses only for agents whose name says so.
 constexpr auto kUserAgent = "tarn-collect (gzip)";
 
-/// Where Qt's TLS backend looks authorities up, each when it is needed, by the hash of its name.
-constexpr auto kAuthorityFolders = std::to_array({
-    "/etc/ssl/certs",
-    "/usr/lib/ssl/certs",
-    "/usr/share/ssl",
-    "/usr/local/ssl",
-    "/var/ssl/certs",
-    "/usr/local/ssl/certs",
-    "/etc/openssl/certs",
-    "/opt/openssl/certs",
-    "/etc/ssl",
-});
-
 /// What a proxy may ask for. Without Kerberos, which would wait for a server of its own.
 constexpr auto kProxySignIn = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST | CURLAUTH_NTLM);
 
@@ -44,7 +27,8 @@ constexpr auto kProxySignIn = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST
 bool initialise()
 {
     static const bool ready = [] {
-        // TLS says goodbye to a peer that may be gone. QProcess gives its children the default again.
+        // TLS writes its last message to a peer that may be gone. QProcess gives its children the default
+        // again.
         return std::signal(SIGPIPE, SIG_IGN) != SIG_ERR && curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     }();
     return ready;
@@ -59,48 +43,6 @@ QString shown(QByteArrayView bytes)
             character = u' ';
     }
     return text.trimmed();
-}
-
-bool isEncrypted(const QUrl& url)
-{
-    return url.scheme() == u"https"_s;
-}
-
-/// Of the proxies that Qt names for @p url the first that can be used, as Qt's own client chooses.
-std::optional<QNetworkProxy> proxyFor(const QUrl& url)
-{
-    const QList<QNetworkProxy> proxies = QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(url));
-    for (const QNetworkProxy& proxy : proxies) {
-        const bool forwards =
-            !isEncrypted(url) && proxy.isCachingProxy()
-            && (proxy.type() == QNetworkProxy::HttpProxy || proxy.type() == QNetworkProxy::HttpCachingProxy);
-        if (forwards || proxy.isTransparentProxy())
-            return proxy;
-    }
-    return std::nullopt;
-}
-
-/// The library's address of @p proxy; empty for a direct connection.
-QByteArray addressOf(const QNetworkProxy& proxy)
-{
-    if (proxy.type() == QNetworkProxy::NoProxy || proxy.type() == QNetworkProxy::DefaultProxy)
-        return "";
-    QUrl address;
-    // Names are the proxy's to look up.
-    address.setScheme(proxy.type() == QNetworkProxy::Socks5Proxy ? u"socks5h"_s : u"http"_s);
-    address.setHost(proxy.hostName());
-    address.setPort(proxy.port());
-    return address.toEncoded();
-}
-
-QByteArray authorityFolders()
-{
-    QByteArrayList folders;
-    for (const char* folder : kAuthorityFolders) {
-        if (QDir(QString::fromLatin1(folder)).exists())
-            folders.append(folder);
-    }
-    return folders.join(':');
 }
 
 /// The library has a limit of its own for one line of a head, CURL_MAX_HTTP_HEADER. Version 7 calls what is
@@ -192,7 +134,7 @@ void Transfer::setUp()
     set(CURLOPT_ERRORBUFFER, m_errorText.data());
     set(CURLOPT_OPENSOCKETFUNCTION, &openSocket);
     set(CURLOPT_NOSIGNAL, 1L);
-    // A name server that is silent must not be waited for at the end.
+    // The end must not wait for a silent name server.
     set(CURLOPT_QUICK_EXIT, 1L);
 }
 
@@ -247,7 +189,7 @@ void Transfer::setHeaders()
     if (!typed)
         addHeader("Content-Type:");
     set(CURLOPT_HTTPHEADER, m_headers.get());
-    // A proxy's business is none of them.
+    // The server's headers are not sent to a proxy.
     set(CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
 }
 
@@ -259,14 +201,11 @@ void Transfer::setTrust()
     // The library's default is a file of all authorities, which takes 30 ms to read.
     set(CURLOPT_CAINFO, nullptr);
     set(CURLOPT_CAPATH, nullptr);
-    const QList<QSslCertificate> authorities = QSslConfiguration::defaultConfiguration().caCertificates();
-    if (authorities.isEmpty()) {
+    QByteArray pem = authorities();
+    if (pem.isEmpty()) {
         set(CURLOPT_CAPATH, authorityFolders().constData());
         return;
     }
-    QByteArray pem;
-    for (const QSslCertificate& authority : authorities)
-        pem += authority.toPem();
     curl_blob blob = {pem.data(), static_cast<size_t>(pem.size()), CURL_BLOB_COPY};
     set(CURLOPT_CAINFO_BLOB, &blob);
 }
@@ -326,7 +265,7 @@ void Transfer::watch(int socket, int what)
 {
     if (what == CURL_POLL_REMOVE) {
         for (QSocketNotifier* notifier : m_watches.take(socket)) {
-            // Perhaps the one that is being served.
+            // This may be the notifier that is being served.
             if (notifier) {
                 notifier->setEnabled(false);
                 notifier->deleteLater();
@@ -408,7 +347,7 @@ void Transfer::giveUp(Failure failure)
     m_loop.quit();
 }
 
-/// What the library has to say of @ref m_code.
+/// The reason of @ref m_code, in words.
 QString Transfer::networkError() const
 {
     long systemError = 0;
