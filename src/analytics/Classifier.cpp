@@ -15,7 +15,7 @@ namespace tarn::analytics {
 
 namespace {
 
-/// A known crawler: the lower-case text that its user agent contains, and the name it is shown by.
+/// A known crawler: the lower-case text that its user agent contains, and the name that is shown.
 struct Bot
 {
     std::string_view token;
@@ -214,7 +214,7 @@ QString findDevice(const QString& userAgent)
     return u"desktop"_s;
 }
 
-/// Most browsers also name the ones that they wish to be taken for, so that the order decides.
+/// The order decides: most browsers also name the browsers that they imitate.
 QString findBrowser(const QString& userAgent)
 {
     const auto has = [&userAgent](QLatin1StringView part) { return userAgent.contains(part); };
@@ -295,8 +295,8 @@ bool isInternal(const QString& host, const QString& siteHost)
 {
     const QString site = stripWww(siteHost);
     const QString referring = stripWww(host);
-    // The last test lets the site's name under other top-level domains count as the site, at the price that a
-    // stranger's host can begin with it as well.
+    // By the last test the site's name under other top-level domains counts as the site. The price: a
+    // stranger's host can begin with that name as well.
     return referring == site || referring.endsWith(u'.' + site) || referring.startsWith(site + u'.');
 }
 

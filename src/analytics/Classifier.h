@@ -1,5 +1,6 @@
-// What a request tells about its sender: the client from the user agent, the traffic source from referrer and
-// target, and whether the request is a page view at all. Pure functions over constant tables, for any thread.
+// Judges a request: which client sent it (by its user agent), which traffic source led to it (by referrer and
+// target), and whether it is a page view. Pure functions over constant tables, for any thread. Each takes
+// time in proportion to its input, and none fails.
 #pragma once
 
 #include <QByteArray>
@@ -7,6 +8,7 @@
 
 namespace tarn::analytics {
 
+/// Who sent a request. Names come from the tables in Classifier.cpp, never from the request.
 struct Client
 {
     QString bot;     ///< display name of the crawler, "Other crawler", "No user agent"; empty for a person
@@ -15,11 +17,14 @@ struct Client
     QString os;      ///< operating system, or "Other"
 };
 
+/// What led a visitor to a page.
 struct Source
 {
     QString kind; ///< "campaign", "direct", "internal", "search", "social", "ai", "email" or "referral"
-    QString name; ///< campaign source, service or referring host; empty for "direct" and "internal"
-    QString searchTerms; ///< what was searched for, or the campaign's name; often empty
+    /// "search", "social", "ai", "email": the service, as the table names it. "campaign": the value of
+    /// utm_source, "referral": the referring host, both of any length. Empty for "direct" and "internal".
+    QString name;
+    QString searchTerms; ///< the words that were searched for, or the campaign's name; often empty
 };
 
 /// Never fails: an unknown agent is a person at a desktop with browser and system "Other".

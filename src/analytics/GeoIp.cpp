@@ -19,13 +19,16 @@ namespace tarn::analytics {
 
 namespace {
 
-/// The real file has hundreds of thousands of lines. Something much smaller is an error page, or damaged.
+/// The real file has hundreds of thousands of lines. A much smaller one is an error page, or damaged.
 constexpr qsizetype kMinLines = 1'000;
 constexpr qsizetype kRowsPerInsert = 1'000;
 
-/// The file has 5 MB. It may be silent for as long as it likes, but a download that never ends must not keep
-/// the other long jobs waiting for good.
-constexpr http::Limits kLimits{.totalMs = 6 * 3'600 * 1'000, .bodyBytes = 268'435'456};
+/// The download may be silent for any time, but one that never ends must not hold the other long jobs up for
+/// good.
+constexpr int kTotalMs = 6 * 3'600 * 1'000;
+/// The file has 5 MB.
+constexpr qint64 kBodyBytes = 268'435'456;
+constexpr http::Limits kLimits{.totalMs = kTotalMs, .bodyBytes = kBodyBytes};
 
 /// Two addresses and a country take 82 bytes; other columns may follow them.
 constexpr qsizetype kMaxRangeBytes = 1'024;
@@ -113,7 +116,7 @@ std::optional<qsizetype> load(QByteArrayView data, const QString& month)
 
 bool geoIpIsStale()
 {
-    // Asked behind the waits of a synchronisation, in which the session can be lost.
+    // The question comes after the waits of a synchronisation, in which the session can be lost.
     return db::ensure(false) && geoIpIsStale(QDate::currentDate());
 }
 
@@ -149,7 +152,7 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
         if (!problem.isEmpty())
             return u"download failed: "_s + problem;
         data = gunzip(answer.body, &intact);
-        // The file must not be fetched again for a session that was lost meanwhile.
+        // The session can be lost meanwhile, which must not cost another download.
         if (!db::ensure(false))
             return kDatabaseError;
     }

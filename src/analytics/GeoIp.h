@@ -11,10 +11,11 @@
 
 namespace tarn::analytics {
 
-/// True unless this month's file has been loaded. False when the database is lost and cannot be asked: that
-/// says nothing of the file.
+/// True unless the country table holds the file of this month, by the host's date: `geoip_month` of
+/// tarn.settings is another month or is missing. Reconnects a lost session. False when the database cannot be
+/// asked, which says nothing of the file; true when it refuses the question, which is not logged.
 bool geoIpIsStale();
-/// The same for the month of @p today.
+/// The same for the month of @p today, without reconnecting.
 bool geoIpIsStale(QDate today);
 
 /// Replaces the table with the ranges of this month's file, downloaded from DB-IP, or of @p file when one is
@@ -31,7 +32,7 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today);
 ///     1.0.0.0,1.0.0.255,AU
 ///     from    to        country
 ///
-/// The views are into the line. Whether the addresses are any is the database's to say.
+/// The views are into the line. The addresses are not checked: the database refuses bad ones.
 struct CountryRange
 {
     QByteArrayView from;
@@ -39,8 +40,8 @@ struct CountryRange
     QByteArrayView country; ///< two characters, not "ZZ", which stands for unknown
 };
 
-/// The range in a line; what stands behind the third field is passed over. Nothing when there are fewer
-/// fields or no country, or when the line has more than 1,024 bytes.
+/// The range in a line. Further fields are passed over. Nothing when there are fewer than three fields or the
+/// third is no country, or when the line has more than 1,024 bytes.
 std::optional<CountryRange> parseCountryRange(QByteArrayView line);
 
 /// The statement that stores @p rows ranges at once, for 3 positional values a row.

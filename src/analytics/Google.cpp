@@ -27,9 +27,12 @@ namespace tarn::analytics::google {
 
 namespace {
 
-/// Bytes are decompressed ones: 25,000 rows, the most that come at once, have 5,000 bytes each. The total
-/// time keeps an answer that comes in drops from holding up the other long jobs for good.
-constexpr http::Limits kLimits{.silenceMs = 60'000, .totalMs = 3'600 * 1'000, .bodyBytes = 134'217'728};
+constexpr int kSilenceMs = 60'000;
+/// Without a limit an answer that comes byte by byte would hold the other long jobs up for good.
+constexpr int kTotalMs = 3'600 * 1'000;
+/// Decompressed. The most rows that come at once, 25,000, can have 5,000 bytes each.
+constexpr qint64 kBodyBytes = 134'217'728;
+constexpr http::Limits kLimits{.silenceMs = kSilenceMs, .totalMs = kTotalMs, .bodyBytes = kBodyBytes};
 
 /// Rows to a page, the most that Google gives; a page with fewer is the last.
 constexpr int kPageRows = 25'000;
@@ -74,8 +77,8 @@ struct Site
     QDate lastStored; ///< invalid when nothing is
 };
 
-/// Whether the session is there after a wait, in which it can have been lost. It is opened again for what is
-/// not repeated.
+/// Whether there is a session after a wait, in which it can be lost. A lost one is opened again, since the
+/// work behind the wait is not repeated.
 bool haveDatabase()
 {
     return db::ensure(false);
@@ -87,8 +90,8 @@ bool databaseIsLost()
     return !db::session().isOpen();
 }
 
-/// Runs @p statement with @p values; the result is read before anything waits for the network. The rows of
-/// tarn.engine_accounts, which many of them are about, hold a secret.
+/// Runs @p statement with @p values. The result has to be read before anything waits for the network. Many of
+/// these statements touch tarn.engine_accounts, whose row holds a secret.
 QSqlQuery run(const QString& statement, const QStringList& values = {})
 {
     QSqlQuery query;
@@ -99,8 +102,8 @@ QSqlQuery run(const QString& statement, const QStringList& values = {})
     return query;
 }
 
-/// What a failed request is to be called: Google's own words, in the form of its APIs or in that of OAuth,
-/// else what the exchange says.
+/// The reason of a failed request: Google's own words, in the form of its APIs or in that of OAuth, else
+/// @p fallback.
 QString reasonOf(const QJsonObject& json, const QString& fallback)
 {
     const QJsonValue error = json.value(u"error"_s);
@@ -109,7 +112,7 @@ QString reasonOf(const QJsonObject& json, const QString& fallback)
     return reason.isEmpty() ? fallback : reason;
 }
 
-/// One request and its answer, a redirect not being one: where it leads, what it carries has no business.
+/// One request and its answer. A redirect is a failure: another server must not get the token or the form.
 Reply call(http::Method verb, const QUrl& url, const QByteArray& body, const QByteArray& contentType,
            const QString& bearer)
 {
@@ -157,8 +160,8 @@ void record(const QString& result)
         {result});
 }
 
-/// Whose account an ID token ("header.payload.signature", each in URL-safe base64) tells of; empty when it
-/// cannot be read. It came from Google itself over TLS: there is no need to verify its signature.
+/// The account of an ID token ("header.payload.signature", each in URL-safe base64); empty when it cannot be
+/// read. The token came from Google over TLS, so that its signature need not be verified.
 QString emailOf(const QString& idToken)
 {
     const QByteArray payload = idToken.toLatin1().split('.').value(1);
@@ -180,8 +183,8 @@ QString hostOf(const QString& property)
     return withoutWww(host.toLower());
 }
 
-/// The properties of a list as Google gives it, by host name. A domain property, which covers every scheme
-/// and path, goes before the URLs of the same host; of these the first is taken.
+/// The properties of Google's list, by host name. A domain property, which covers every scheme and path, is
+/// preferred to URLs of the same host. Among URLs the first is taken.
 QHash<QString, QString> bestProperties(const QJsonArray& entries)
 {
     QHash<QString, QString> best;
@@ -206,8 +209,8 @@ QString propertyFor(const QHash<QString, QString>& best, const QString& siteHost
     return property.isEmpty() && !ascii.isEmpty() ? best.value(ascii) : property;
 }
 
-/// Notes for each site the property of the account that it matches. Sites that match none keep what they
-/// have. Empty on success, else why the properties could not be listed.
+/// Stores for each site the property of the account that matches it. A site without a match keeps its
+/// property. Empty on success, else why the properties could not be listed.
 QString mapProperties(const QString& accessToken)
 {
     const Reply reply = call(http::Method::Get, QUrl(kApi), {}, {}, accessToken);
@@ -233,8 +236,8 @@ QString mapProperties(const QString& accessToken)
     return sites.isActive() || !databaseIsLost() ? QString() : kDatabaseLost;
 }
 
-/// An access token for the stored refresh token; empty when there is none. Whether there is one or not, @p
-/// error tells what Google had to say against it.
+/// An access token for the stored refresh token; empty when there is none. @p error is Google's objection, in
+/// both cases.
 QString accessToken(const Client& client, QString* error)
 {
     const Reply reply = call(http::Method::Post, kTokenUrl,
@@ -267,14 +270,14 @@ Reply query(const QString& token, const QString& property, const Window& window,
                 QJsonDocument(body).toJson(QJsonDocument::Compact), "application/json", token);
 }
 
-/// Why @p page is none; empty when it is one.
+/// Why @p page is not a page of figures; empty when it is one.
 QString problemOf(const Reply& page)
 {
     return page.error.isEmpty() && !page.isObject ? u"the answer is no JSON object"_s : page.error;
 }
 
-/// All detail rows of a site. A page that fails ends them: what came before it is worth having. The log says
-/// so, since what is missing of the first synchronisation is asked for by no later one.
+/// All detail rows of a site. A page that fails ends them, and the rows before it are kept. The log says so:
+/// no later synchronisation asks for rows that the first one missed.
 QJsonArray detailRows(const QString& token, const Site& site, const Window& window)
 {
     static const QStringList dimensions = {u"date"_s, u"query"_s, u"page"_s, u"country"_s, u"device"_s};
@@ -398,7 +401,7 @@ QString connect(const Client& client, const QString& code)
                              kFormType, {});
     if (!reply.error.isEmpty())
         return reply.error;
-    // The code is spent: it must not be for nothing.
+    // The code can be used only once, so that a lost session must not waste it.
     haveDatabase();
     const QString refresh = reply.json.value(u"refresh_token"_s).toString();
     if (refresh.isEmpty())
@@ -422,7 +425,7 @@ QString connect(const Client& client, const QString& code)
 void disconnect()
 {
     const QString refresh = storedRefreshToken();
-    // Best effort: what Google does not hear of now, the administrator can revoke there.
+    // Best effort: if Google is not reached, the administrator can revoke the access there.
     if (!refresh.isEmpty()) {
         call(http::Method::Post, kRevokeUrl,
              form({

@@ -13,11 +13,12 @@ class QSettings;
 
 namespace tarn::analytics::google {
 
-/// How Google knows this installation (Google Cloud console, "OAuth 2.0 client" of type web application).
+/// How Google knows this installation: an "OAuth 2.0 client" of type web application, as the Google Cloud
+/// console shows it (https://developers.google.com/identity/protocols/oauth2/web-server).
 struct Client
 {
-    QString id;
-    QString secret;
+    QString id;          ///< "1234-abc.apps.googleusercontent.com"; empty: not configured
+    QString secret;      ///< never logged; empty: not configured
     QString redirectUri; ///< where Google sends the administrator back to, as registered with the client
 
     bool configured() const { return !id.isEmpty() && !secret.isEmpty(); }
@@ -30,7 +31,8 @@ struct Window
     QDate to;
 };
 
-/// Reads `google/client_id`, `google/client_secret` and `web/public_url`.
+/// Reads kGoogleSettings. Id and secret are trimmed; the address to return to is `web/public_url` followed by
+/// "/oauth/google/callback".
 Client clientFrom(const QSettings& settings);
 
 /// The address of Google's consent screen. @p state comes back unchanged with the administrator, next to the
@@ -38,8 +40,8 @@ Client clientFrom(const QSettings& settings);
 QString authUrl(const Client& client, const QString& state);
 
 /// Exchanges the authorization @p code for a refresh token, stores it in place of an earlier one, and maps
-/// the properties of the account to sites. Empty on success, else the reason; when only the mapping failed,
-/// the connection is stored all the same.
+/// the properties of the account to sites. Empty on success, else the reason. When only the mapping failed,
+/// the connection is stored nevertheless.
 QString connect(const Client& client, const QString& code);
 
 /// Forgets the connection and the mapping, here and, if it can be reached, at Google. Imported figures are

@@ -37,11 +37,11 @@ constexpr double kMaxEngagedSeconds = 21'600;
 /// Where the sites' tracking snippet reports how long a page was read: "/tarn-b?p=<path>&t=<seconds>".
 constexpr QByteArrayView kBeaconPath = "/tarn-b";
 
-/// SQLSTATE of a statement that names a table which does not exist; a missing schema gives it as well.
+/// SQLSTATE of a statement that names a missing table, or a table of a missing schema.
 constexpr auto kUndefinedTable = "42P01"_L1;
 
-/// Runs @p statement and goes to its first row; false when there is none. That a table is missing is for the
-/// caller to say, every other failure is logged.
+/// Runs @p statement and goes to its first row; false when there is none. Failures are logged, except a
+/// missing table, which the caller reports.
 bool hasRow(QSqlQuery& query, const QString& statement)
 {
     if (query.exec(statement))
@@ -51,8 +51,8 @@ bool hasRow(QSqlQuery& query, const QString& statement)
     return false;
 }
 
-/// PostgreSQL's text holds every character but this one, which "%00" in a request makes; a statement that
-/// contains it is cut there, and fails.
+/// NUL is the only character that PostgreSQL's text cannot hold. "%00" in a request makes one, and a
+/// statement is cut there and fails.
 QString withoutNuls(QString text)
 {
     return text.remove(QChar::Null);
@@ -92,8 +92,7 @@ std::optional<Beacon> parseBeacon(QByteArrayView query)
 {
     const QString path = withoutNuls(percentDecoded(queryItem(query, "p")).left(kMaxPathLength));
     const double seconds = queryNumber(query, "t");
-    // Not a number passes: the roll-up leaves it out of its sums, and the row still tells that the page was
-    // open.
+    // NaN passes. The roll-up leaves it out of its sums, and the row still tells that the page was open.
     if (path.isEmpty() || 0 >= seconds || seconds > kMaxEngagedSeconds)
         return std::nullopt;
     return Beacon{path, seconds};
@@ -262,7 +261,7 @@ bool Ingest::insertBatch(int siteId, const QList<Row>& rows)
     return false;
 }
 
-/// Without a bound a flood of made-up user agents would fill the memory.
+/// Bounds the memory that a flood of made-up user agents can take.
 void Ingest::pruneSessions()
 {
     if (m_sessions.size() <= kMaxSessions)
@@ -297,7 +296,7 @@ QByteArray Ingest::visitorHash(int siteId, const QString& ip, const QByteArray& 
 qint64 Ingest::sessionFor(const QByteArray& visitor, const QDateTime& at)
 {
     Session& open = m_sessions[visitor];
-    // Lines out of order give a negative gap, which is as good as a short one.
+    // Lines out of order give a negative gap, which counts as a short one.
     if (open.id == 0 || open.last.secsTo(at) > kSessionGapSeconds) {
         open.id = (m_transaction ? m_transaction->nextSession() : nextSessionAlone()).value_or(0);
     }
@@ -321,7 +320,7 @@ QString Ingest::country(const QString& ip)
         query.prepare(kCountryQuery);
         found = findCountry(query, ip);
     }
-    // That the server is gone says nothing of the address, which comes again with the same line.
+    // A lost session says nothing about the address, which comes again with the same line.
     if (!found && !db::session().isOpen())
         return {};
     if (m_countries.size() > kMaxCountries)

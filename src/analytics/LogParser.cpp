@@ -18,7 +18,7 @@ constexpr int kMaxOffsetSeconds = 16 * 3600;
 /// Length of "dd/Mon/yyyy:HH:mm:ss +zzzz".
 constexpr qsizetype kTimeLength = 26;
 
-/// As many as are skipped at a time where there are more than one: a line can be made of them.
+/// Runs of spaces are skipped by so many at a time: a line can consist of them.
 constexpr QByteArrayView kSpaces = "                ";
 
 void skipSpaces(QByteArrayView line, qsizetype& pos)

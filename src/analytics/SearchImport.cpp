@@ -33,13 +33,13 @@ struct Target
     QString last;
 };
 
-/// Member @p index of "keys", for whatever reason there is none an empty text.
+/// Member @p index of "keys"; empty when there is none, for whatever reason.
 QString keyOf(const QJsonObject& row, int index)
 {
     return db::storable(row.value(u"keys"_s).toArray().at(index).toString());
 }
 
-/// What is left of a page's URL: one page is the same under each scheme, host name and query string.
+/// The path of a page's URL: the page is the same under each scheme, host name and query string.
 QString pathOf(const QString& page)
 {
     return db::storable(percentDecoded(splitUrl(page.toUtf8()).path));
@@ -52,8 +52,8 @@ void bindFigures(QSqlQuery& query, const QJsonObject& row)
     query.addBindValue(row.value(u"position"_s).toDouble());
 }
 
-/// A deletion that fails is no reason to stop: it has spoilt the transaction, and the next insertion says so.
-/// False when the session is lost.
+/// False when the session is lost. Another failure of a deletion spoils the transaction, and the next
+/// insertion says so.
 bool deleteDays(db::Transaction& transaction, const Target& target)
 {
     for (const QString& table : {u"tarn.search_days"_s, u"tarn.search_rows"_s}) {

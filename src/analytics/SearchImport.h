@@ -1,5 +1,5 @@
 // Stores what a search engine says of one site: daily totals (tarn.search_days) and detail rows
-// (tarn.search_rows). Fetches nothing and knows no engine: whoever has asked one hands the answer over.
+// (tarn.search_rows). Fetches nothing and knows no engine: its caller hands the answer over.
 // Uses the default database session. Main thread only.
 #pragma once
 
@@ -18,8 +18,8 @@ namespace tarn::analytics {
 ///                  "clicks": 1, "impressions": 20, "position": 2.5}, ...]}
 ///
 /// The keys of a detail row are day, query, URL of the page, country as ISO 3166-1 alpha-3 and device; stored
-/// are the URL's path, decoded, and the alpha-2 code, NULL for an unknown country. What is missing or of
-/// another type counts as 0 or as an empty text. Days of detail rows outside the range are stored, and
+/// are the URL's path, decoded, and the alpha-2 code, NULL for an unknown country. A missing value, or one of
+/// another type, counts as 0 or as an empty text. Detail rows of days outside the range are stored, and
 /// nothing is deleted for them.
 ///
 /// All or nothing, in one transaction. Returns a line that says what was stored ("3 days (2024-10-10 to

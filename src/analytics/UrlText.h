@@ -1,6 +1,6 @@
 // The parts of addresses that strangers write: referrers, targets, pages and properties. Bytes in, texts out;
-// pure functions for any thread. Each takes time in proportion to its input, which Qt's own classes do not:
-// QUrl normalises host names in quadratic time, so that it is given only what can be a host name.
+// pure functions for any thread. Each takes time in proportion to its input. Qt's own classes do not: QUrl
+// normalises host names in quadratic time, and gets only texts that can be a host name.
 #pragma once
 
 #include <QByteArrayView>

@@ -20,7 +20,7 @@ namespace tarn {
 
 namespace {
 
-/// The longest line that is taken for an answer. The disk use of one account takes some 40 bytes of it.
+/// The longest line that is taken for an answer. The disk use of one account takes some 40 bytes.
 constexpr qsizetype kMaxAnswerBytes = 67'108'864;
 
 QJsonObject failure(const QString& reason)
@@ -31,8 +31,8 @@ QJsonObject failure(const QString& reason)
     };
 }
 
-/// Connects @p socket. While the agent is too busy to accept clients, QLocalSocket's own way tries again
-/// without a pause, which is a processor's full load for as long as ten minutes; the kernel's way waits.
+/// Connects @p socket. While the agent is too busy to accept clients, QLocalSocket would try again without a
+/// pause, at a processor's full load for up to ten minutes. The kernel's connect() waits instead.
 bool connectSocket(QLocalSocket& socket, const QString& path, int timeoutMs)
 {
     sockaddr_un address = {};
@@ -42,7 +42,7 @@ bool connectSocket(QLocalSocket& socket, const QString& path, int timeoutMs)
         return false;
     std::memcpy(address.sun_path, name.constData(), static_cast<std::size_t>(name.size()));
 
-    // A limit of 0 would be none to the kernel.
+    // The kernel takes 0 for no limit.
     const int blocking = timeoutMs > 0 ? 0 : SOCK_NONBLOCK;
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | blocking, 0);
     if (descriptor < 0)
@@ -59,8 +59,8 @@ bool connectSocket(QLocalSocket& socket, const QString& path, int timeoutMs)
     return false;
 }
 
-/// The first line that comes from @p socket, without its line feed; nothing when a wait for more of it was in
-/// vain, or it is too long.
+/// The first line that comes from @p socket, without its line feed. Nothing when a wait ends without more of
+/// it, or when it is too long.
 std::optional<QByteArray> readLine(QLocalSocket& socket, int timeoutMs)
 {
     QByteArray line;

@@ -23,8 +23,8 @@ namespace {
 /// CONNECTION_OK of the client library's ConnStatusType (libpq-fe.h).
 constexpr int kConnectionOk = 0;
 
-/// Seconds that the client library waits for a server that takes the connection and says nothing; without a
-/// limit of its own it waits for minutes, and the event loop with it.
+/// Seconds that the client library waits for a server that takes the connection and says nothing. Without a
+/// limit it waits for minutes, and holds the event loop up.
 constexpr auto kConnectTimeout = "10";
 
 /// SQLSTATE of a statement that does not parse.
@@ -32,8 +32,8 @@ constexpr auto kSyntaxError = "42601"_L1;
 
 QString g_timeZone;
 
-/// The notification channels to subscribe again. The driver forgets them when the connection is closed, so
-/// that from the first sign of a loss until they are all back they are remembered here.
+/// The notification channels to subscribe again. The driver forgets them when the connection is closed. They
+/// stay in this list from the first sign of a loss until each is subscribed.
 QStringList g_lostChannels;
 
 void setTimeZone()
@@ -48,15 +48,14 @@ void setTimeZone()
 int connectionStatus(const QSqlDatabase& database)
 {
     using StatusFunction = int (*)(const void*);
-    // Only the library that the driver has loaded already: a second copy would know nothing of our
-    // connection.
+    // Only the copy that the driver has loaded: another one would not know the connection.
     static const auto status = []() -> StatusFunction {
         void* library = dlopen("libpq.so.5", RTLD_NOW | RTLD_NOLOAD);
         return library ? reinterpret_cast<StatusFunction>(dlsym(library, "PQstatus")) : nullptr;
     }();
 
     const QVariant handle = database.driver()->handle();
-    // PGconn is a typedef of struct pg_conn; which of the two names is reported depends on how Qt was built.
+    // PGconn is a typedef of struct pg_conn. How Qt was built decides which name is reported.
     const QByteArrayView type(handle.typeName());
     if (!status || (type != "PGconn*" && type != "pg_conn*"))
         return kConnectionOk;
@@ -72,9 +71,9 @@ void rememberChannels(const QSqlDatabase& database)
     }
 }
 
-/// Closes a session that is found dead before the event loop waits again. The client library has closed the
-/// socket by then, and the driver's notifier would go on watching its number: a warning at best, and a loop
-/// at full speed once another file has taken that number.
+/// Closes a dead session before the event loop waits again. The client library has closed the socket by then,
+/// but the driver's notifier would go on watching its number. That gives a warning at best. Once another file
+/// has taken the number, the loop would run at full speed.
 void closeIfLost()
 {
     QSqlDatabase database = session();
@@ -95,7 +94,7 @@ bool reconnect(QSqlDatabase& database)
     setTimeZone();
     const QStringList channels = g_lostChannels;
     for (const QString& channel : channels) {
-        // One that cannot be had now (the server is gone again) stays on the list for the next attempt.
+        // A channel that fails now (the server is gone again) stays on the list for the next attempt.
         if (database.driver()->subscribeToNotification(channel))
             g_lostChannels.removeOne(channel);
     }
@@ -103,14 +102,14 @@ bool reconnect(QSqlDatabase& database)
     return true;
 }
 
-/// Runs a prepared query; why it failed, nothing when it did not.
+/// Runs a prepared query. The reason when it fails, else nothing.
 std::optional<QString> runForReason(QSqlQuery& query)
 {
     const QSqlError earlier = query.lastError();
     if (query.exec())
         return std::nullopt;
-    // A statement that could not be prepared is run without its name all the same; why is told by prepare()
-    // only.
+    // Qt runs a statement even if it could not be prepared, without its name, and the server calls that a
+    // syntax error. Only prepare() tells the real reason.
     const bool unprepared = query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid();
     return unprepared ? earlier.text() : query.lastError().text();
 }

@@ -11,33 +11,37 @@ class QSqlQuery;
 
 namespace tarn::db {
 
-/// Creates and opens the session from the `database/...` settings and sets its time zone.
-/// @p applicationName is what the server shows as application_name. False when it could not be opened
-/// (logged).
+/// Creates and opens the session from the `database/...` settings (kDatabaseSettings) and sets its time zone
+/// to `database/timezone`, an IANA name, or the host's. @p applicationName is what the server shows as
+/// application_name. False when it could not be opened: "database: ..." is logged as critical. A time zone
+/// that the server does not know is logged as "sql: ..." and is no failure. Waits for 10 seconds at most,
+/// unless the environment sets PGCONNECT_TIMEOUT (libpq's variable). To be called once, after the application
+/// object is made.
 bool open(const QSettings& settings, const QString& applicationName);
 
 /// The session as it is. Asking Qt for it in the plain way opens a closed one, behind ensure()'s back.
 QSqlDatabase session();
 
-/// Makes sure that the session is usable, reconnecting if it is lost, or in any case when @p force is true.
-/// A reconnected session has the time zone and the notification channels of the lost one again, however many
-/// attempts it took. One attempt a call; false when it failed (logged).
+/// Makes sure that the session is usable. Reconnects if it is lost, or in any case when @p force is true: one
+/// attempt a call, which waits as open() does. A reconnected session has the time zone and the notification
+/// channels of the lost one again, however many attempts it took. False when the attempt failed ("database:
+/// reconnect failed: ..."). Prepared queries of the lost session are void. Not to be called in a transaction.
 bool ensure(bool force);
 
-/// Runs a prepared query. A failure is logged as "sql: ..." and gives false.
+/// Runs a prepared query. False when it fails, which is logged as "sql: ...".
 bool exec(QSqlQuery& query);
-/// Runs @p statement, which has no values to bind, on @p query, for its result. The same with a failure.
+/// Runs @p statement, which has no values to bind, and leaves its result in @p query. Fails in the same way.
 bool exec(QSqlQuery& query, const QString& statement);
 
-/// Runs @p statement, which has no values to bind and no result. A failure is logged, and gives false.
+/// Runs @p statement, which has neither values to bind nor a result. Fails in the same way.
 bool run(const QString& statement);
 
 /// Logs @p reason as "sql: ...". Behind the first statement that fails with a lost session the driver gives
 /// no reason; the line then names that loss.
 void logFailure(const QString& reason);
 
-/// The same for a statement that has to do with secrets. Of the server's reason only the first line is
-/// logged, and the bound texts are taken out of it: the lines behind it can show all values of a row.
+/// As exec(), for a statement that touches secrets. Of the server's reason only the first line is logged, and
+/// "***" stands in it for each bound text: the lines behind it can show all values of a row.
 bool execSecret(QSqlQuery& query);
 
 /// The highest migration the suite's admin tool has recorded; 0 when there is none, or no such table.
@@ -46,9 +50,8 @@ int schemaVersion();
 /// @p name quoted as a PostgreSQL identifier; NUL characters, which no identifier can hold, are removed.
 QString ident(const QString& name);
 
-/// @p text as it is to be bound to a column that is not to be NULL: never a null string, which the driver
-/// takes for NULL, and without NUL characters, the only ones that PostgreSQL's text cannot hold. JSON
-/// ("\u0000") and URLs ("%00") make them, and a statement that contains one is cut there.
+/// @p text as a column that is not NULL takes it. It is never a null string, which the driver takes for NULL.
+/// It has no NUL characters: a statement is cut at one, and JSON ("\u0000") and URLs ("%00") can make them.
 QString storable(QString text);
 
 } // namespace tarn::db

@@ -9,7 +9,7 @@ namespace tarn {
 
 namespace {
 
-/// gunzip's exit status when it has something to remark, as on bytes behind the archive (gzip(1)).
+/// gunzip's exit status for a warning, as about bytes behind the archive (gzip(1)).
 constexpr int kWarning = 2;
 
 } // namespace
@@ -17,11 +17,11 @@ constexpr int kWarning = 2;
 QByteArray gunzip(const QByteArray& data, bool* intact)
 {
     QProcess process;
-    // What it says of bad data would come among the lines of our log.
+    // gunzip's complaints about bad data would end up in our log.
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(u"gunzip"_s, {u"-c"_s});
-    // Written whole before anything is read: QProcess keeps what the pipe does not take yet, and moves both
-    // directions while it waits. Should gunzip end early, the rest is dropped.
+    // All input is written before anything is read. QProcess keeps what the pipe does not take yet, and
+    // serves both directions while it waits. If gunzip ends early, the rest is dropped.
     process.write(data);
     process.closeWriteChannel();
     const bool finished = process.waitForFinished(-1);

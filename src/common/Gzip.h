@@ -1,5 +1,6 @@
-// Files that may be gzip-compressed, read whole into memory. Decompression is the system's gunzip program's,
-// a child process for each call; the name of a file alone decides whether it is used. Logs nothing.
+// Reads files that may be gzip-compressed (RFC 1952), whole into memory. The system's gunzip program
+// decompresses them, in a child process for each call. Only the name of a file decides whether it is asked.
+// Logs nothing.
 #pragma once
 
 #include <QByteArray>
@@ -7,14 +8,14 @@
 
 namespace tarn {
 
-/// The decompressed bytes of @p data. Of damaged data what gunzip made of it before it stopped, which may be
-/// nothing; empty without a gunzip. @p intact, when given, tells whether all of it was decompressed: cut
-/// data and a wrong check sum show nowhere else. What stands behind the compressed data is passed over. Waits
-/// as long as it takes.
+/// The decompressed bytes of @p data, of any size that fits into memory. Damaged data give what gunzip wrote
+/// before it stopped, which may be nothing. Without a gunzip program the result is empty. @p intact, when
+/// given, tells whether everything was decompressed: cut data and a wrong check sum show nowhere else. Bytes
+/// behind the compressed data are passed over. Blocks for as long as gunzip runs, without an event loop.
 QByteArray gunzip(const QByteArray& data, bool* intact = nullptr);
 
 /// The contents of the file @p path, decompressed when its name ends in ".gz" (this case only). Null when it
-/// cannot be opened. @p intact as above; for a plain file, whether it could be read.
+/// cannot be opened. @p intact as above; for a plain file it tells whether the file could be read.
 QByteArray readMaybeGzip(const QString& path, bool* intact = nullptr);
 
 } // namespace tarn

@@ -13,7 +13,7 @@ namespace tarn::http {
 
 namespace {
 
-/// Those whose Location is the place of what was asked for (RFC 9110, 15.4).
+/// The statuses whose Location says where the requested resource is (RFC 9110, 15.4).
 constexpr std::array kRedirectStatuses = {301, 302, 303, 307, 308};
 
 bool isRedirect(const Answer& answer)
@@ -23,7 +23,7 @@ bool isRedirect(const Answer& answer)
                   != kRedirectStatuses.end();
 }
 
-/// Why @p address is not gone on to after @p followed redirects; empty when it is.
+/// Why a redirect to @p address, after @p followed others, is not followed; empty when it is.
 QString objection(const QUrl& address, int followed)
 {
     if (followed == kRedirects)
@@ -35,7 +35,7 @@ QString objection(const QUrl& address, int followed)
     return {};
 }
 
-/// In words what failed; of Failure::Network the library has said it.
+/// What failed, in words. The library has described a Failure::Network already.
 QString textOf(const Answer& answer, const Limits& limits)
 {
     switch (answer.failure) {

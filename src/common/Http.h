@@ -1,14 +1,13 @@
-// One HTTP exchange (RFC 9110 and 9112, HTTP/1.1 alone): a request, its answer, and a limit for everything
-// that the peer decides. libcurl does the talking; docs/decisions/0004 says why. Logs nothing.
+// One HTTP exchange (RFC 9110 and 9112, HTTP/1.1 only): a request, its answer, and a limit for everything
+// that the peer decides. Uses libcurl; docs/decisions/0004 says why. Logs nothing.
 //
-// An exchange has a connection of its own and sends its request once: what ends without an answer is not sent
-// again. It blocks its caller in a local event loop, so that timers and notifications are served meanwhile,
-// and exchanges may begin inside each other's waits. Any thread that can run an event loop may call it.
+// An exchange has a connection of its own and sends its request once, even if no answer comes. It blocks its
+// caller in a local event loop, which serves timers and notifications meanwhile. Exchanges may begin inside
+// each other's waits. Any thread that can run an event loop may call it.
 //
 // Proxies are those that Qt knows: QNetworkProxy::setApplicationProxy(), else the variables https_proxy,
-// http_proxy and no_proxy; loopback addresses are never asked for through one. Trusted authorities are those
-// of QSslConfiguration::defaultConfiguration(), else those in the system's folders that Qt looks into as
-// well.
+// http_proxy and no_proxy. No proxy is used for loopback addresses. Trusted authorities are those of
+// QSslConfiguration::defaultConfiguration(), else those in the system's folders that Qt reads as well.
 #pragma once
 
 #include <QByteArray>
@@ -19,10 +18,11 @@
 
 namespace tarn::http {
 
-/// Heads of an answer in all: status lines and header fields of the answer itself, of answers before it (1xx,
-/// redirects, a proxy's) and the fields behind a body that comes in chunks. Real ones have 0.5 to 8 kB.
+/// All heads of an answer together: status lines and header fields of the answer itself and of answers before
+/// it (1xx, redirects, a proxy's), and the fields behind a chunked body. Real ones have 0.5 to 8 kB.
 constexpr qint64 kHeadBytes = 65'536;
-/// A connection has to stand by then, name look-up and TLS included; sooner where the limit of silence is.
+/// The limit for connecting, with name look-up and TLS. The limit of silence applies instead if it is
+/// shorter.
 constexpr int kConnectMs = 120'000;
 /// Redirects that are followed, one after the other.
 constexpr int kRedirects = 5;
@@ -82,7 +82,7 @@ struct Answer
     QString error = {}; ///< why it failed, on one line; empty when failure is None
 };
 
-/// Sends @p request and waits for the end of the answer, or of the patience that @p limits describe.
+/// Sends @p request and waits for the end of the answer, within @p limits.
 Answer exchange(const Request& request, const Limits& limits);
 
 /// Why @p answer is not one of success (2xx): its error, else what its status says. Empty when it is.

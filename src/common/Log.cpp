@@ -14,7 +14,7 @@ namespace {
 
 constexpr QByteArrayView kCutMark = "...";
 
-/// True for what a terminal, the journal or a viewer of logs may take for the end of a line or for a command.
+/// True for characters that a terminal, the journal or a log viewer may take for a line end or a command.
 bool breaksLine(QChar c)
 {
     switch (c.category()) {

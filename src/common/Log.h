@@ -1,7 +1,6 @@
-// Where texts become lines of the log. Messages hold what strangers and other programs have written (domains,
-// paths, reasons of servers), and a line feed in one of them must not make a line of its own.
-// What is not sent through Qt's logging, such as the notices of PostgreSQL's client library, does not come
-// here.
+// Turns messages into lines of the log. Messages hold texts of strangers and other programs (domains, paths,
+// reasons of servers). A line feed in such a text must not begin a new line.
+// Only messages that go through Qt's logging come here; the notices of PostgreSQL's client library do not.
 #pragma once
 
 #include <QByteArray>

@@ -26,14 +26,14 @@ struct Mount
     QByteArray device; ///< what is mounted, which need not be a path
 };
 
-/// /proc/self/mountinfo (proc(5)); what is no such line is passed over:
+/// The lines of /proc/self/mountinfo (proc(5)); lines of another form are passed over:
 ///
 ///     36 35     98:0  /root  /srv/my\040data rw,noatime master:1 - ext3 /dev/root rw
 ///     id parent device  root folder          options    tags...    type device    options
 QList<Mount> parseMountInfo(const QByteArray& text);
 
-/// Those of @p mounts that a path leads to, in their order: not what another one is mounted over, be it at
-/// the same folder or at one above. No folder is there twice.
+/// Those of @p mounts that a path leads to, in their order. A mount that another one covers, at the same
+/// folder or at one above, is left out. No folder is there twice.
 QList<Mount> visibleMounts(const QList<Mount>& mounts);
 
 /// What a file system says of its size.
@@ -47,8 +47,8 @@ struct Space
 std::optional<Space> spaceOf(const QByteArray& folder);
 
 /// Asks many mounts at once, each from a thread of its own, and gives up those that do not answer. A thread
-/// that the kernel holds cannot be ended: it is left behind, and its mount is not asked again until it has
-/// come back. So there is one thread at most for each mount that hangs. For one thread.
+/// that the kernel holds cannot be ended. It is left behind, and its mount is not asked again until the
+/// thread has come back, so that a mount that hangs costs one thread at most. To be used from one thread.
 class SpaceQuery
 {
 public:

@@ -45,7 +45,7 @@ bool sendsMail(const Config& config)
     return !config.smtpHost.isEmpty() && !config.mailTo.isEmpty();
 }
 
-/// A mistyped word is no encryption either, and must not send the password in clear.
+/// A mistyped word means no encryption too, and must not send the password in clear.
 bool isUnprotected(const Config& config)
 {
     return config.smtpSecurity != u"ssl" && config.smtpSecurity != u"starttls"
@@ -101,7 +101,7 @@ QJsonObject describe(const Config& config)
 
 QJsonArray send(const Config& config, const Message& message)
 {
-    // Once: the webhook's wait can last until the next minute, and the mail must not say another one.
+    // Composed once: the webhook's wait can last into the next minute, which the mail must not show.
     const Notice notice = compose(config, message, QDateTime::currentDateTime());
     QJsonArray report;
     const auto note = [&report](const QString& channel, const QString& error) {

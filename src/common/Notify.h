@@ -1,5 +1,5 @@
 // Tells the administrator that an alert has opened or ended, by webhook and by e-mail, as the settings file
-// says. Keeps nothing: what cannot be delivered is reported, logged and lost.
+// says. Keeps nothing: a message that cannot be delivered is reported, logged and lost.
 #pragma once
 
 #include "common/NotifyMessage.h"
@@ -16,8 +16,8 @@ namespace tarn::notify {
 Config load(const QSettings& settings);
 
 /// What is configured, for the panel: {"webhook": "ntfy · ntfy.example.org",
-/// "email": "to a@example.org, b@example.org via mail.example.org:465"}, without what is not. The address of
-/// a webhook, which can contain a secret, is not shown.
+/// "email": "to a@example.org, b@example.org via mail.example.org:465"}. A channel that is not configured is
+/// left out. Of a webhook's address, which can contain a secret, only the host is shown.
 QJsonObject describe(const Config& config);
 
 /// Delivers @p message over every configured channel, one after the other, with the same title, text and time

@@ -92,7 +92,7 @@ QString controlsBlanked(QString text)
 QString excerpt(const QString& text)
 {
     QString cut = controlsBlanked(text).left(kExcerptCharacters);
-    // Half of a character beyond the first 65,536 is none.
+    // A character above U+FFFF has two halves.
     if (!cut.isEmpty() && cut.back().isHighSurrogate())
         cut.chop(1);
     return cut;

@@ -28,11 +28,11 @@ namespace tarn::notify {
 
 namespace {
 
-constexpr int kWaitMs = 10'000;
-/// How long a whole reply may take: a byte now and then starts the other time anew.
-constexpr int kReplyMs = 30'000;
+constexpr int kSilenceMs = 10'000;
+/// For a whole reply. Each byte of it restarts the limit of silence.
+constexpr int kTotalMs = 30'000;
 
-/// A line of a reply has 512 bytes at most (RFC 5321, 4.5.3.1.5), as some servers do not know.
+/// RFC 5321 (4.5.3.1.5) allows 512 bytes for a line of a reply. Some servers send longer ones.
 constexpr qint64 kMaxLineBytes = 4'096;
 constexpr qint64 kMaxReplyBytes = 65'536;
 
@@ -234,7 +234,7 @@ qsizetype wordEnd(const QByteArray& text, qsizetype start)
     return end;
 }
 
-/// One encoded word (RFC 2047) if that fits, which many a reader shows better than several.
+/// One encoded word (RFC 2047) if that fits: many mail readers show it better than several.
 QByteArray subjectHeader(const QString& subject)
 {
     const QByteArray text = subject.toUtf8();
@@ -255,7 +255,7 @@ Smtp::Smtp(const Config& config, const QList<QHostAddress>& addresses)
     : m_c(config)
     , m_addresses(addresses)
 {
-    // Those of the environment are for what speaks HTTP.
+    // The proxies of the environment are for HTTP.
     m_sock.setProxy(QNetworkProxy::NoProxy);
     // While another job holds a wait up, the server can go on sending.
     m_sock.setReadBufferSize(kMaxReplyBytes);
@@ -276,7 +276,7 @@ QString Smtp::send(const QString& subject, const QString& text)
     const QDateTime now = QDateTime::currentDateTime();
     if (!deliver(mailMessage(m_c, subject, text, now, QUuid::createUuid()), extensions))
         return m_error;
-    // The server has the message, whatever it says to this.
+    // The outcome does not matter: the server has taken the message.
     command("QUIT", 221);
     return {};
 }
@@ -285,7 +285,7 @@ bool Smtp::connectToServer()
 {
     QString reason = u"no such port"_s;
     if (m_c.smtpPort > 0 && m_c.smtpPort <= 65'535) {
-        const QDeadlineTimer deadline(kWaitMs);
+        const QDeadlineTimer deadline(kSilenceMs);
         reason = m_addresses.isEmpty() ? lookUp(deadline) : QString();
         if (reason.isEmpty())
             reason = connectToAny(deadline);
@@ -305,7 +305,7 @@ QString Smtp::lookUp(const QDeadlineTimer& deadline)
     }
     Waiting waiting(deadline);
     std::optional<QHostInfo> answer;
-    // Given up, it goes on in a thread of Qt's; a second one for the same name waits for that.
+    // A look-up that is given up goes on in a thread of Qt's. The next one for the same name waits for it.
     const int id = QHostInfo::lookupHost(m_c.smtpHost, waiting.context(), [&](const QHostInfo& info) {
         answer = info;
         waiting.wake();
@@ -327,7 +327,7 @@ QString Smtp::connectToAny(const QDeadlineTimer& deadline)
 {
     QString reason;
     for (qsizetype i = 0; i < m_addresses.size(); ++i) {
-        // One that swallows everything leaves the others their time.
+        // An address that answers nothing must leave time for the others.
         const QDeadlineTimer share(deadline.remainingTime() / (m_addresses.size() - i));
         reason = connectTo(m_addresses.at(i), share);
         if (reason.isEmpty() || reason == kInterrupted)
@@ -375,14 +375,14 @@ bool Smtp::startTls()
 {
     if (!command("STARTTLS", 220))
         return false;
-    // Anybody on the way can have added it, and it would pass for the server's own, encrypted words.
+    // Anybody on the way can have added these bytes, which would pass for encrypted words of the server.
     if (m_sock.bytesAvailable() > 0) {
         m_error = u"STARTTLS failed: the mail server did not wait for the encryption"_s;
         return false;
     }
     m_sock.setPeerVerifyName(m_c.smtpHost);
     m_sock.startClientEncryption();
-    const QString reason = waitUntil([this] { return m_sock.isEncrypted(); }, QDeadlineTimer(kWaitMs));
+    const QString reason = waitUntil([this] { return m_sock.isEncrypted(); }, QDeadlineTimer(kSilenceMs));
     if (reason.isEmpty())
         return true;
     m_error = u"STARTTLS failed: "_s + reason;
@@ -421,7 +421,7 @@ bool Smtp::readLine(QByteArray* line, const QDeadlineTimer& deadline)
     const auto canRead = [this] { return m_sock.canReadLine() || m_sock.bytesAvailable() >= kMaxLineBytes; };
     while (!canRead()) {
         const qint64 bytes = m_sock.bytesAvailable();
-        const QDeadlineTimer next(std::min<qint64>(kWaitMs, deadline.remainingTime()));
+        const QDeadlineTimer next(std::min<qint64>(kSilenceMs, deadline.remainingTime()));
         const QString reason = waitUntil([&] { return canRead() || m_sock.bytesAvailable() > bytes; }, next);
         if (!reason.isEmpty()) {
             m_error = reason == kInterrupted ? reason : u"mail server stopped answering"_s;
@@ -436,7 +436,7 @@ bool Smtp::expect(int code, QList<QByteArray>* reply)
 {
     if (reply)
         reply->clear();
-    const QDeadlineTimer deadline(kReplyMs);
+    const QDeadlineTimer deadline(kTotalMs);
     qint64 left = kMaxReplyBytes;
     bool complete = false;
     bool last = false;
@@ -493,7 +493,7 @@ QString mailSettingsProblem(const Config& config)
         if (!isSendable(address))
             return u"\"%1\" is not a plain mail address"_s.arg(excerpt(address));
     }
-    // It would end the user's name, or the password.
+    // In AUTH PLAIN a NUL ends the user's name and begins the password.
     if (config.smtpUser.contains(QChar::Null) || config.smtpPassword.contains(QChar::Null))
         return u"smtp_user or smtp_password contains a NUL character"_s;
     return {};

@@ -1,7 +1,7 @@
 // A minimal mail client (RFC 5321): one session, one message in plain text. Speaks implicit TLS, STARTTLS
-// (RFC 3207) or no encryption; who may go without is for the caller to know. Each wait runs a local event
-// loop, so that timers are served meanwhile and other jobs run, another mail's session among them. Private
-// to the notification unit.
+// (RFC 3207) or no encryption; the caller decides who may go without. Each wait runs a local event loop, in
+// which timers are served and other jobs run, another mail's session among them. Private to the notification
+// unit.
 #pragma once
 
 #include <QByteArray>
@@ -27,12 +27,12 @@ public:
     /// is not looked up then, but certificates are still to be good for it.
     explicit Smtp(const Config& config, const QList<QHostAddress>& addresses = {});
 
-    /// Runs a whole session: empty when the server has taken the message for every recipient, otherwise the
-    /// reason, which contains nothing of the password. Waits for 10 seconds at most where the server is
-    /// silent, and for 30 where it never comes to the end of a reply; jobs that run meanwhile can make it
-    /// longer. The first 10 seconds are for looking the name up, for all of its addresses in turn and, with
-    /// implicit TLS, for the handshake. No proxy is used. Needs an event dispatcher in its thread; an exit
-    /// from that thread's event loops ends it with "interrupted".
+    /// Runs a whole session. Empty when the server has taken the message for every recipient, otherwise the
+    /// reason, which contains nothing of the password. Waits for 10 seconds at most while the server is
+    /// silent, and for 30 at most for the end of a reply; jobs that run meanwhile can make it longer. The
+    /// first 10 seconds are for looking the name up, for all of its addresses in turn and, with implicit TLS,
+    /// for the handshake. No proxy is used. Its thread needs an event dispatcher; an exit from that thread's
+    /// event loops ends the session with "interrupted".
     QString send(const QString& subject, const QString& text);
 
 private:
@@ -60,17 +60,22 @@ private:
     QList<QHostAddress> m_addresses;
 };
 
-/// The message as it goes over the wire, without the dot behind it. @p now is local time. Recipients or a
-/// subject that would make a line of more than 998 bytes (RFC 5322, 2.1.1) are folded; shorter ones stand on
-/// one line.
+/// The message as it goes over the wire (RFC 5322), with CR LF line ends, without the dot behind it: a
+/// head with From, To, Subject, Date and Message-ID, and @p text in UTF-8 as base64 in lines of 76
+/// characters.
+/// @p now is local time; @p id makes the Message-ID. Recipients or a subject that would make a line of more
+/// than 998 bytes (RFC 5322, 2.1.1) are folded. Control characters of the subject become blanks. Addresses
+/// are taken as they are: mailSettingsProblem() judges them.
 QByteArray mailMessage(const Config& config, const QString& subject, const QString& text,
                        const QDateTime& now, const QUuid& id);
 
-/// Why no mail can be sent with these settings, whatever the server says; empty when there is no reason. An
-/// address with a blank, a control character, "<" or ">" in it would say something else in a command.
+/// Why no mail can be sent with these settings, whatever the server says; empty when one can. An address with
+/// a blank, a control character, "<" or ">" in it would change the meaning of a command.
 QString mailSettingsProblem(const Config& config);
 
-/// @p reply of a server without what it repeats of the sign-in, encoded or not.
+/// @p reply of a server with "***" in place of each piece of the sign-in that it repeats: the password, and
+/// eight or more characters of the base64 text of AUTH PLAIN. Unchanged when `config.smtpUser` is empty,
+/// since there was no sign-in then.
 QString withoutCredentials(const QString& reply, const Config& config);
 
 } // namespace tarn::notify

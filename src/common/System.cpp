@@ -62,7 +62,7 @@ bool isBelow(const QByteArray& folder, QByteArrayView parent)
     return folder.startsWith(parent) && (folder.size() == parent.size() || folder.at(parent.size()) == '/');
 }
 
-/// Before any of them is asked: what is not listed cannot hold anything up.
+/// Whether a mount is asked at all. A mount that is not listed must not hold anything up.
 bool isAsked(const Mount& mount)
 {
     return std::ranges::find(kTypesNotAsked, mount.type) == std::end(kTypesNotAsked)
@@ -92,8 +92,8 @@ void dispose(std::unique_ptr<QProcess> process)
     process->kill();
     if (process->waitForFinished(kKillMs))
         return;
-    // Held in the kernel, it dies when that lets it go. Until then it is left to the event loop: the
-    // destructor would complain, and wait.
+    // A process that the kernel holds dies when it is let go. Until then the event loop looks after it: the
+    // destructor would complain and wait.
     QObject::connect(process.get(), &QProcess::finished, process.get(), &QObject::deleteLater);
     [[maybe_unused]] const QProcess* dying = process.release();
 }
@@ -225,8 +225,8 @@ QJsonArray serviceStatus(const QStringList& names)
     if (names.isEmpty())
         return {};
     auto process = std::make_unique<QProcess>();
-    // What it complains of would come among the lines of our log. The rest of its environment is ours: its
-    // times are in the zone of TZ, as they are read.
+    // systemctl's complaints would end up in our log. It inherits our environment, and with TZ the zone in
+    // which its times are read.
     process->setStandardErrorFile(QProcess::nullDevice());
     process->setStandardInputFile(QProcess::nullDevice());
     process->start(u"systemctl"_s,

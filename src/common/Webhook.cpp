@@ -19,13 +19,16 @@ namespace tarn::notify {
 
 namespace {
 
-/// Nobody reads the answer. One that is longer does not come from a webhook.
-constexpr http::Limits kLimits{.silenceMs = 10'000, .totalMs = 12'000, .bodyBytes = 1'048'576};
+constexpr int kSilenceMs = 10'000;
+constexpr int kTotalMs = 12'000;
+/// Nobody reads the answer. A longer one does not come from a webhook.
+constexpr qint64 kBodyBytes = 1'048'576;
+constexpr http::Limits kLimits{.silenceMs = kSilenceMs, .totalMs = kTotalMs, .bodyBytes = kBodyBytes};
 
-/// What is shorter than this and comes from the address is no secret, and may well be a part of a word.
+/// A shorter piece of the address is no secret, and may be a part of an ordinary word.
 constexpr qsizetype kSecretCharacters = 4;
 
-/// Stands for the address while what is left of it is looked for. No text on one line contains it.
+/// Stands for the address while pieces of it are looked for. Nothing on one line contains a line feed.
 constexpr QChar kAddressMark = u'\n';
 
 QByteArray headerValue(const QString& text)
@@ -82,7 +85,7 @@ http::Request requestFor(const QUrl& address, const WebhookPayload& payload)
     http::Request request{.method = http::Method::Post, .url = address, .body = payload.body};
     request.headers.append({"Content-Type", payload.contentType});
     request.headers += payload.headers;
-    // At once: when asked for it, the body would have to be sent again.
+    // Sent unasked: after a 401 the body would have to be sent again.
     if (!address.userName().isEmpty())
         request.headers.append({"Authorization", "Basic " + basicCredentials(address)});
     return request;
@@ -97,7 +100,7 @@ QString problemOf(const http::Answer& answer)
     return http::problem(answer);
 }
 
-/// What can be recognised of a path, a query or a user, in each way of writing it; longest first.
+/// The pieces of path, query and user that can be recognised, in each way of writing them, longest first.
 QStringList secretsOf(const QUrl& address)
 {
     QStringList encoded = {
@@ -108,7 +111,7 @@ QStringList secretsOf(const QUrl& address)
     encoded += (encoded.at(2) + u'/' + encoded.at(3)).split(separators);
     QStringList secrets;
     for (const QString& secret : std::as_const(encoded)) {
-        // Of what may be written both ways, the network layer shows some things decoded and others not.
+        // Some characters may be written both ways. The network layer decodes some of those, not all.
         const QString pretty = QUrl(u"?"_s + secret).query(QUrl::PrettyDecoded);
         secrets +=
             {secret, controlsBlanked(pretty), controlsBlanked(QUrl::fromPercentEncoding(secret.toUtf8()))};
