@@ -37,9 +37,6 @@ const auto kAddress = u"https://download.db-ip.com/free/dbip-country-lite-%1.csv
 
 const auto kDatabaseError = u"database error while loading"_s;
 
-const auto kStoreMonth = u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
-                         "ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s;
-
 QString monthOf(QDate day)
 {
     return day.toString(u"yyyy-MM"_s);
@@ -74,7 +71,7 @@ bool insert(db::Transaction& transaction, const QList<CountryRange>& chunk)
 std::optional<qsizetype> replaceRanges(db::Transaction& transaction, QByteArrayView data)
 {
     // From here on readers of the table wait for the end of the transaction.
-    if (!db::run(u"TRUNCATE tarn.geo_country"_s))
+    if (!db::run(kCountryTruncation))
         return std::nullopt;
     qsizetype total = 0;
     QList<CountryRange> chunk;
@@ -95,7 +92,7 @@ std::optional<qsizetype> replaceRanges(db::Transaction& transaction, QByteArrayV
 
 bool storeMonth(db::Transaction& transaction, const QString& month)
 {
-    QSqlQuery& query = transaction.prepare(kStoreMonth);
+    QSqlQuery& query = transaction.prepare(kCountryMonthStorage);
     query.addBindValue(month);
     return db::exec(query);
 }
@@ -123,7 +120,7 @@ bool geoIpIsStale()
 bool geoIpIsStale(QDate today)
 {
     QSqlQuery query;
-    if (!query.exec(u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s))
+    if (!query.exec(kCountryMonthQuery))
         return db::session().isOpen();
     return !query.next() || query.value(0).toString() != monthOf(today);
 }

@@ -44,6 +44,14 @@ struct CountryRange
 /// third is no country, or when the line has more than 1,024 bytes.
 std::optional<CountryRange> parseCountryRange(QByteArrayView line);
 
+inline const QString kCountryTruncation = QStringLiteral("TRUNCATE tarn.geo_country");
+/// The month of the file that the country table holds, "2024-10".
+inline const QString kCountryMonthQuery =
+    QStringLiteral("SELECT value FROM tarn.settings WHERE key = 'geoip_month'");
+inline const QString kCountryMonthStorage =
+    QStringLiteral("INSERT INTO tarn.settings VALUES ('geoip_month', ?) "
+                   "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
+
 /// The statement that stores @p rows ranges at once, for 3 positional values a row.
 QString rangeInsertStatement(qsizetype rows);
 

@@ -69,7 +69,7 @@ std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
 std::optional<qint64> nextSessionId(QString& error)
 {
     QSqlQuery query;
-    if (!query.exec(u"SELECT nextval('tarn.session_seq')"_s) || !query.next()) {
+    if (!query.exec(kNextSessionQuery) || !query.next()) {
         error = query.lastError().text();
         return std::nullopt;
     }
@@ -79,11 +79,7 @@ std::optional<qint64> nextSessionId(QString& error)
 QString hitInsertStatement(qsizetype rows)
 {
     const auto group = u"(?, ?, ?, ?, ?, ?, ?, CAST(? AS inet), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"_s;
-    return u"INSERT INTO tarn.hits (site_id, at, method, path, status, bytes, is_page, ip, visitor, "
-           u"session_id, "
-           "country, source_kind, source, referrer, search_terms, device, browser, os, bot, engaged_secs, "
-           "response_us) VALUES "_s
-           + QStringList(rows, group).join(u", "_s);
+    return kHitInsertion + u"VALUES "_s + QStringList(rows, group).join(u", "_s);
 }
 
 } // namespace tarn::analytics

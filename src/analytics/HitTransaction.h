@@ -55,6 +55,14 @@ inline const QString kCountryQuery = QStringLiteral(
     "SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
     "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)");
 
+inline const QString kNextSessionQuery = QStringLiteral("SELECT nextval('tarn.session_seq')");
+
+/// The beginning of each insertion of hits: all columns, in the order in which they are bound.
+inline const QString kHitInsertion = QStringLiteral(
+    "INSERT INTO tarn.hits (site_id, at, method, path, status, bytes, is_page, ip, visitor, session_id, "
+    "country, source_kind, source, referrer, search_terms, device, browser, os, bot, engaged_secs, "
+    "response_us) ");
+
 /// The statement that stores @p rows hits at once, for 21 positional values a row.
 QString hitInsertStatement(qsizetype rows);
 

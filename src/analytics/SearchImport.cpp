@@ -20,10 +20,6 @@ namespace {
 
 constexpr qsizetype kRowsPerInsert = 500;
 
-const auto kDayDeletion =
-    u"DELETE FROM %1 WHERE site_id = ? AND engine = ? AND day BETWEEN CAST(? AS date) AND CAST(? AS date)"_s;
-const auto kDayInsertion = u"INSERT INTO tarn.search_days VALUES (?, ?, CAST(? AS date), ?, ?, ?)"_s;
-
 /// A site at an engine and the days that are replaced.
 struct Target
 {
@@ -56,8 +52,8 @@ void bindFigures(QSqlQuery& query, const QJsonObject& row)
 /// insertion says so.
 bool deleteDays(db::Transaction& transaction, const Target& target)
 {
-    for (const QString& table : {u"tarn.search_days"_s, u"tarn.search_rows"_s}) {
-        QSqlQuery& query = transaction.prepare(kDayDeletion.arg(table));
+    for (const QString& statement : {kSearchDayDeletion, kSearchRowDeletion}) {
+        QSqlQuery& query = transaction.prepare(statement);
         query.addBindValue(target.siteId);
         query.addBindValue(target.engine);
         query.addBindValue(target.first);
@@ -70,7 +66,7 @@ bool deleteDays(db::Transaction& transaction, const Target& target)
 
 bool insertDays(db::Transaction& transaction, const Target& target, const QJsonArray& totals)
 {
-    QSqlQuery& query = transaction.prepare(kDayInsertion);
+    QSqlQuery& query = transaction.prepare(kSearchDayInsertion);
     return std::all_of(totals.begin(), totals.end(), [&](const QJsonValue& value) {
         const QJsonObject day = value.toObject();
         query.addBindValue(target.siteId);

@@ -26,6 +26,18 @@ namespace tarn::analytics {
 /// 2024-10-12), 1201 detail rows") or why nothing was; @p ok tells the two apart.
 QString importSearchData(int siteId, const QString& engine, const QJsonObject& document, bool* ok);
 
+/// The deletions of a range: values are site, engine, first and last day.
+inline const QString kSearchDayDeletion =
+    QStringLiteral("DELETE FROM tarn.search_days WHERE site_id = ? AND engine = ? AND day BETWEEN "
+                   "CAST(? AS date) AND CAST(? AS date)");
+inline const QString kSearchRowDeletion =
+    QStringLiteral("DELETE FROM tarn.search_rows WHERE site_id = ? AND engine = ? AND day BETWEEN "
+                   "CAST(? AS date) AND CAST(? AS date)");
+
+/// Stores one day: values are site, engine, day, clicks, impressions and position.
+inline const QString kSearchDayInsertion =
+    QStringLiteral("INSERT INTO tarn.search_days VALUES (?, ?, CAST(? AS date), ?, ?, ?)");
+
 /// The statement that stores @p rows detail rows at once, for 10 positional values a row.
 QString searchRowInsertStatement(qsizetype rows);
 

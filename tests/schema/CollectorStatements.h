@@ -1,5 +1,10 @@
-// Every statement with which the collector and its modules touch the database, with values as they bind them.
+// Every statement with which the collector and its modules touch the database, with values as they bind them. Texts
+// come from the unit that sends them, where it shows them.
 #pragma once
+
+#include "analytics/GeoIp.h"
+#include "analytics/HitTransaction.h"
+#include "analytics/SearchImport.h"
 
 #include <QDate>
 #include <QDateTime>
@@ -10,11 +15,6 @@
 namespace tarn::test {
 
 using namespace Qt::Literals::StringLiterals;
-
-inline const QString kInsertHits =
-    u"INSERT INTO tarn.hits (site_id, at, method, path, status, bytes, is_page, ip, visitor, session_id, "
-    u"country, "
-    "source_kind, source, referrer, search_terms, device, browser, os, bot, engaged_secs, response_us) "_s;
 
 struct Statement
 {
@@ -41,13 +41,10 @@ inline const Statement kStatements[] = {
      u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host "
      "FROM tarn.log_sources l JOIN tarn.sites s ON s.id = l.site_id"_s,
      {}},
-    {"session-id", u"SELECT nextval('tarn.session_seq')"_s, {}},
-    {"country",
-     u"SELECT country FROM (SELECT country, ip_to FROM tarn.geo_country WHERE ip_from <= CAST(? AS inet) "
-     "ORDER BY ip_from DESC LIMIT 1) g WHERE ip_to >= CAST(? AS inet)"_s,
+    {"session-id", analytics::kNextSessionQuery, {}},
+    {"country", analytics::kCountryQuery,
      {u"192.0.2.1"_s, u"192.0.2.1"_s}},
-    {"hit",
-     kInsertHits + u"VALUES (?, ?, ?, ?, ?, ?, ?, CAST(? AS inet), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"_s,
+    {"hit", analytics::hitInsertStatement(1),
      {1, QDateTime(QDate(2024, 5, 5), QTime(12, 0), QTimeZone::utc()), u"GET"_s, u"/"_s, 200, 100LL, true,
       u"192.0.2.1"_s, QByteArray("\0\1\2\3\4\5\6\7", 8), 1LL, u"DE"_s, u"direct"_s, QVariant(), QVariant(),
       QVariant(), u"desktop"_s, u"Firefox"_s, u"Linux"_s, QVariant(), 1.5, 1234}},
@@ -63,14 +60,11 @@ inline const Statement kStatements[] = {
     {"retention", u"DELETE FROM tarn.hits WHERE at < now() - make_interval(days => ?)"_s, {30}},
 
     // Countries
-    {"geoip-month", u"SELECT value FROM tarn.settings WHERE key = 'geoip_month'"_s, {}},
-    {"empty-countries", u"TRUNCATE tarn.geo_country"_s, {}},
-    {"countries",
-     u"INSERT INTO tarn.geo_country (ip_from, ip_to, country) VALUES (CAST(? AS inet), CAST(? AS inet), ?) "
-     "ON CONFLICT DO NOTHING"_s,
+    {"geoip-month", analytics::kCountryMonthQuery, {}},
+    {"empty-countries", analytics::kCountryTruncation, {}},
+    {"countries", analytics::rangeInsertStatement(1),
      {u"192.0.2.0"_s, u"192.0.2.255"_s, u"DE"_s}},
-    {"set-geoip-month",
-     u"INSERT INTO tarn.settings VALUES ('geoip_month', ?) ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s,
+    {"set-geoip-month", analytics::kCountryMonthStorage,
      {u"2024-05"_s}},
 
     // Search engines
@@ -88,21 +82,13 @@ inline const Statement kStatements[] = {
      "WHERE d.site_id = p.site_id AND d.engine = 'google') FROM tarn.search_properties p "
      "JOIN tarn.sites s ON s.id = p.site_id WHERE p.engine = 'google' ORDER BY s.host"_s,
      {}},
-    {"clear-search-days",
-     u"DELETE FROM tarn.search_days WHERE site_id = ? AND engine = ? "
-     "AND day BETWEEN CAST(? AS date) AND CAST(? AS date)"_s,
+    {"clear-search-days", analytics::kSearchDayDeletion,
      {1, u"google"_s, u"2024-05-01"_s, u"2024-05-31"_s}},
-    {"clear-search-rows",
-     u"DELETE FROM tarn.search_rows WHERE site_id = ? AND engine = ? "
-     "AND day BETWEEN CAST(? AS date) AND CAST(? AS date)"_s,
+    {"clear-search-rows", analytics::kSearchRowDeletion,
      {1, u"google"_s, u"2024-05-01"_s, u"2024-05-31"_s}},
-    {"search-day",
-     u"INSERT INTO tarn.search_days VALUES (?, ?, CAST(? AS date), ?, ?, ?)"_s,
+    {"search-day", analytics::kSearchDayInsertion,
      {1, u"google"_s, u"2024-05-05"_s, 7, 70, 3.5}},
-    {"search-rows",
-     u"INSERT INTO tarn.search_rows VALUES "
-     "(?, ?, CAST(? AS date), ?, ?, (SELECT alpha2 FROM tarn.country_codes WHERE alpha3 = ?), ?, ?, ?, ?), "
-     "(?, ?, CAST(? AS date), ?, ?, (SELECT alpha2 FROM tarn.country_codes WHERE alpha3 = ?), ?, ?, ?, ?)"_s,
+    {"search-rows", analytics::searchRowInsertStatement(2),
      {1, u"google"_s, u"2024-05-05"_s, u"mountain lake"_s, u"/"_s, u"deu"_s, u"mobile"_s, 3, 30, 1.5,
       1, u"google"_s, u"2024-05-05"_s, QVariant(), QVariant(), u"zzz"_s, QVariant(), 4, 40, 2.5}},
 

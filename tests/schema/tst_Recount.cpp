@@ -15,7 +15,7 @@ using namespace tarn;
 namespace {
 
 /// Site 1: something of everything, over weeks in which clocks change, at moments that come again and again.
-const auto kMixedLog = test::kInsertHits + uR"sql(
+const auto kMixedLog = analytics::kHitInsertion + uR"sql(
 SELECT 1, at, method, path, (ARRAY[200,200,200,200,304,206,301,404,404,410,403,500,503,NULL])[1 + r[2] % 14],
        CASE r[3] % 9 WHEN 0 THEN NULL WHEN 1 THEN -5 ELSE r[3] % 90000 END,
        (ARRAY[true,true,true,false,NULL])[1 + r[4] % 5], NULL,
@@ -42,7 +42,7 @@ CROSS JOIN LATERAL (SELECT
 )sql"_s;
 
 /// Site 2: one day with more values in several dimensions than are kept, most of them with few hits.
-const auto kManyValues = test::kInsertHits + uR"sql(
+const auto kManyValues = analytics::kHitInsertion + uR"sql(
 SELECT 2, timestamptz '2024-10-26 12:00+00' + interval '1 s' * n, (ARRAY['GET','GET','GET','GET','BEACON'])[1 + n % 5],
        '/p/' || p, (ARRAY[200,200,404])[1 + n % 3], 100, true, NULL, int8send(v::bigint), n % 3000,
        'DE', (ARRAY['search','referral','campaign'])[1 + p % 3], 's' || p % 1300, NULL, 't' || p,

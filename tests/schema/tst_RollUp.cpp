@@ -173,7 +173,7 @@ private Q_SLOTS:
 
     void mixedDayIsCountedInEveryFigure()
     {
-        run(test::kInsertHits + u"VALUES "_s + kMixedDay);
+        run(analytics::kHitInsertion + u"VALUES "_s + kMixedDay);
 
         rollUp();
 
@@ -263,7 +263,7 @@ private Q_SLOTS:
     {
         QFETCH(const int, paths);
         QFETCH(const QString, expected);
-        run(test::kInsertHits
+        run(analytics::kHitInsertion
             + u"SELECT 1, '2024-05-05 12:00+00', 'GET', '/' || to_char(n, 'FM0000'), 200, 1, true, NULL, "
               "CASE WHEN n % 2 = 0 THEN '\\xaa' ELSE '\\xbb' END::bytea, 1, NULL, NULL, NULL, NULL, NULL, "
               "NULL, NULL, "

@@ -75,7 +75,7 @@ private Q_SLOTS:
     void valuesAreComparedByHash()
     {
         QFETCH(const QString, setting);
-        run(test::kInsertHits
+        run(analytics::kHitInsertion
             + u"SELECT 1 + n % 2, '2024-05-05 12:00+00', 'GET', '/page/' || n, 200, 100, true, NULL, "
               u"int8send(n), "
               "n, 'DE', 'direct', NULL, NULL, NULL, 'desktop', 'Firefox', 'Linux', NULL, NULL, 1000 "

@@ -38,7 +38,7 @@ private Q_SLOTS:
 
     void furtherDaysStopAfterAWhile()
     {
-        run(test::kInsertHits
+        run(analytics::kHitInsertion
             + u"SELECT 1, timestamptz '2022-01-01 12:00+00' + interval '1 day' * n, 'GET', '/', 200, 1, "
               u"true, "
               "NULL, '\\xaa', 1, 'DE', 'direct', NULL, NULL, NULL, 'desktop', 'Firefox', 'Linux', NULL, "
@@ -197,7 +197,7 @@ private Q_SLOTS:
     void lateHitsDoNotHideWhatRetentionHasDeleted()
     {
         const auto insert = [](int count, int offset) {
-            run(test::kInsertHits
+            run(analytics::kHitInsertion
                 + u"SELECT 1, timestamptz '2024-05-05 00:00+00' + interval '1 min' * n, 'GET', '/', 200, 1, "
                   u"true, "
                   "NULL, '\\xaa', 1, 'DE', 'direct', NULL, NULL, NULL, 'desktop', 'Firefox', 'Linux', NULL, "
@@ -339,7 +339,7 @@ private Q_SLOTS:
         test::run(roller, u"SELECT tarn.rollup_day(1, '2024-05-05')"_s);
 
         run(u"SET lock_timeout = '100ms'"_s);
-        QCOMPARE(test::errorOf(session(), test::kInsertHits + u"VALUES "_s + Hit{}.text()), u"55P03"_s);
+        QCOMPARE(test::errorOf(session(), analytics::kHitInsertion + u"VALUES "_s + Hit{}.text()), u"55P03"_s);
         QVERIFY(roller.commit());
         store({Hit{}});
         QCOMPARE(scalar(test::kMarked), u"1 2024-05-05"_s);

@@ -44,7 +44,7 @@ private:
             test::run(old, u"SET TimeZone = 'UTC'"_s);
             test::run(
                 old,
-                test::kInsertHits
+                analytics::kHitInsertion
                     + u"SELECT 1, date '2024-05-01' + d + interval '12:00' + interval '1 s' * n, 'GET', '/' "
                       u"|| n, "
                       "200, 1, true, '192.0.2.1', int8send(n), d * 100 + n, 'DE', 'direct', NULL, 'r', NULL, "
