@@ -36,8 +36,9 @@ constexpr QByteArrayView kTypesNotAsked[] = {"rootfs", "autofs"};
 /// Folders of the kernel's own file systems, with what is below them.
 constexpr QByteArrayView kKernelFolders[] = {"/dev", "/proc", "/sys", "/var/run", "/var/lock"};
 
-/// How long systemctl may take, and then how long it may take to die.
-constexpr int kAnswerMs = 5'000;
+/// For systemctl to write everything and end.
+constexpr int kTotalMs = 5'000;
+/// For it to die when it is killed.
 constexpr int kKillMs = 1'000;
 
 /// The most of systemctl's output that is read. A unit takes some 200 bytes.
@@ -74,7 +75,7 @@ bool isAsked(const Mount& mount)
 /// Reads what the process writes, until it ends, has written too much or has taken too long.
 QByteArray readOutput(QProcess& process)
 {
-    const QDeadlineTimer deadline(kAnswerMs);
+    const QDeadlineTimer deadline(kTotalMs);
     const auto remaining = [&deadline] { return static_cast<int>(deadline.remainingTime()); };
     QByteArray output;
     while (output.size() < kMaxOutputBytes && process.waitForReadyRead(remaining()))
