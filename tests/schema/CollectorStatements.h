@@ -1,5 +1,5 @@
-// Every statement with which the collector and its modules touch the database, with values as they bind them. Texts
-// come from the unit that sends them, where it shows them.
+// Every statement with which the collector and its modules touch the database, with values as they bind them.
+// Texts come from the unit that sends them, where it shows them.
 #pragma once
 
 #include "analytics/GeoIp.h"

@@ -106,7 +106,7 @@ protected:
         QStringList rows;
         for (const Hit& hit : hits)
             rows.append(hit.text());
-        test::run(database, kInsertHits + u"VALUES "_s + rows.join(u", "_s));
+        test::run(database, analytics::kHitInsertion + u"VALUES "_s + rows.join(u", "_s));
     }
 
     static void rollUp(const QString& day = u"2024-05-05"_s, int site = 1)
@@ -135,7 +135,7 @@ protected:
     /// Sites 1 to 20 with 50 hits each on each of 60 days, stored in the order of time as they would come in.
     static void storeMonths()
     {
-        run(kInsertHits
+        run(analytics::kHitInsertion
             + u"SELECT s, timestamptz '2024-03-07 00:00+00' + interval '28 min' * n, 'GET', '/page/' || n % "
               u"97, "
               "200, 100, true, NULL, int8send(n % 40), n % 60, 'DE', 'direct', NULL, NULL, NULL, "

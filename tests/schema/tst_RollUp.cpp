@@ -14,7 +14,7 @@ using test::Hit;
 
 namespace {
 
-/// A day of site 1 with something of everything, and its neighbours. Its columns are those of kInsertHits.
+/// A day of site 1 with something of everything, and its neighbours. Its columns are those of kHitInsertion.
 const auto kMixedDay = uR"sql(
 -- Somebody looks at two pages and an asset, and leaves the second page after 12.5 seconds.
 (1, '2024-05-05 00:00:00+00', 'GET',    '/',          200, 1000, true,  NULL, '\xaa', 1, 'DE', 'direct',   NULL,

@@ -339,7 +339,8 @@ private Q_SLOTS:
         test::run(roller, u"SELECT tarn.rollup_day(1, '2024-05-05')"_s);
 
         run(u"SET lock_timeout = '100ms'"_s);
-        QCOMPARE(test::errorOf(session(), analytics::kHitInsertion + u"VALUES "_s + Hit{}.text()), u"55P03"_s);
+        QCOMPARE(test::errorOf(session(), analytics::kHitInsertion + u"VALUES "_s + Hit{}.text()),
+                 u"55P03"_s);
         QVERIFY(roller.commit());
         store({Hit{}});
         QCOMPARE(scalar(test::kMarked), u"1 2024-05-05"_s);
