@@ -124,64 +124,84 @@ BEGIN
     END IF;
     DELETE FROM tarn.rollup_due d WHERE d.site_id = count_day.site_id AND d.day = count_day.day;
 
-    -- One statement, so that all figures are of the same moment. It goes over the day three times, each time taking
-    -- little of each row: to keep a million rows for a second look costs more than to look at them again.
+    -- One statement, so that all figures are of the same moment. It goes over the day twice: over all requests for what
+    -- needs little of each row, and over views, beacons and missing pages for the rest. To keep a million rows for a
+    -- second look costs more than to look at them again. Hits are summed as double precision, which is exact for whole
+    -- numbers up to 2^53; the sum of a bigint is a numeric, which is slow to add up again.
     WITH request AS MATERIALIZED (
-        SELECT h.is_beacon, h.visitor, h.status, h.bot, count(*) AS hits, sum(greatest(h.bytes, 0)) AS bytes
-        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
-        GROUP BY h.is_beacon, h.visitor, h.status, h.bot
+        -- Three groupings in one reading. left_out says which a row is of: 3 by status, 5 by bot, 6 by response time.
+        -- The visitors of people stay out of the grouping by bot, so that they are one group there.
+        SELECT h.status, CASE WHEN GROUPING(h.status) = 0 THEN h.visitor ELSE h.bot_visitor END AS visitor, h.bot,
+               h.response_us, GROUPING(h.status, h.bot, h.response_us) AS left_out, count(*)::float8 AS hits,
+               sum(h.bytes) AS bytes
+        FROM (SELECT r.status, r.visitor, r.bot, CASE WHEN r.bot IS NOT NULL THEN r.visitor END AS bot_visitor,
+                     r.response_us, greatest(r.bytes, 0) AS bytes
+              FROM tarn.hits_of_day(count_day.site_id, count_day.day) r WHERE NOT r.is_beacon) h
+        GROUP BY GROUPING SETS ((h.status, h.visitor), (h.bot, h.bot_visitor), (h.response_us))
     ), response AS MATERIALIZED (
-        SELECT percentile_disc(ARRAY[0.5, 0.95]) WITHIN GROUP (ORDER BY h.response_us) AS us
-        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
-        WHERE h.response_us > 0 AND NOT h.is_beacon
+        SELECT min(response_us) FILTER (WHERE 100 * up_to >= 50 * times) AS median,
+               min(response_us) FILTER (WHERE 100 * up_to >= 95 * times) AS p95
+        FROM (SELECT response_us, sum(hits) OVER (ORDER BY response_us) AS up_to, sum(hits) OVER () AS times
+              FROM request WHERE left_out = 6 AND response_us > 0) r
     ), page AS MATERIALIZED (
+        -- What is neither view nor beacon here is a missing page.
         SELECT h.is_view, h.is_beacon, h.visitor, h.bot IS NULL AS is_person, h.at, h.path,
                nullif(h.session_id, 0) AS session_id,
                CASE WHEN h.response_us > 0 THEN h.response_us END AS response_us,
                -- NaN is greater than every number here; the cap is what the collector lets through
                CASE WHEN h.is_beacon AND h.engaged_secs > 0 AND h.engaged_secs <> 'NaN'
                     THEN least(h.engaged_secs, 21600) END AS engaged_secs,
-               h.status IN (404, 410) AS is_missing,
                h.country, h.source_kind, h.source, h.search_terms, h.device, h.browser, h.os
         FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
         WHERE h.is_view OR h.is_beacon OR h.status IN (404, 410)
+    ), visit AS MATERIALIZED (
+        -- A visitor's views mostly agree in all this, so that each dimension has a third of the rows to count.
+        SELECT visitor, country, device, browser, os, source_kind, source, search_terms,
+               date_part('hour', at) AS hour, count(*)::float8 AS hits
+        FROM page WHERE is_view
+        GROUP BY visitor, country, device, browser, os, source_kind, source, search_terms, date_part('hour', at)
     ), client AS MATERIALIZED (
-        SELECT visitor, country, device, browser, os, count(*) AS hits FROM page WHERE is_view
+        SELECT visitor, country, device, browser, os, sum(hits) AS hits FROM visit
         GROUP BY visitor, country, device, browser, os
-    ), origin AS MATERIALIZED (
-        SELECT visitor, source_kind, source, search_terms, count(*) AS hits FROM page WHERE is_view
-        GROUP BY visitor, source_kind, source, search_terms
+    ), beacon AS MATERIALIZED (
+        SELECT is_person, visitor, path, count(*) AS beacons, sum(engaged_secs) AS seconds
+        FROM page WHERE is_beacon GROUP BY is_person, visitor, path
     ), path AS MATERIALIZED (
-        SELECT path AS value, visitor, count(*) AS hits FROM page WHERE is_view AND path <> '' GROUP BY path, visitor
+        SELECT path AS value, visitor, count(*)::float8 AS hits FROM page WHERE is_view AND path <> ''
+        GROUP BY path, visitor
     ), session AS MATERIALIZED (
         SELECT session_id, count(*) FILTER (WHERE is_view) AS views, bool_or(is_person) AS is_person,
                coalesce(max(engaged_secs), 0) > 10 AS stayed, min(at) FILTER (WHERE is_view) AS first_view
         FROM page WHERE session_id IS NOT NULL AND (is_view OR is_beacon) GROUP BY session_id
     ), entry AS MATERIALIZED (
-        SELECT DISTINCT ON (p.session_id) p.visitor, p.path
-        FROM page p JOIN session s ON s.session_id = p.session_id AND s.first_view = p.at
-        WHERE p.is_view
-        ORDER BY p.session_id, p.path COLLATE "C", p.visitor
+        SELECT path AS value, visitor, count(*)::float8 AS hits
+        FROM (SELECT DISTINCT ON (p.session_id) p.visitor, p.path
+              FROM page p JOIN session s ON s.session_id = p.session_id AND s.first_view = p.at
+              WHERE p.is_view
+              ORDER BY p.session_id, p.path COLLATE "C", p.visitor) first
+        WHERE path <> '' GROUP BY path, visitor
+    ), missing AS MATERIALIZED (
+        SELECT path AS value, visitor, count(*)::float8 AS hits FROM page
+        WHERE NOT is_view AND NOT is_beacon AND path <> '' GROUP BY path, visitor
     ), by_visitor AS NOT MATERIALIZED (
         SELECT 'path' AS dimension, value, '' AS part_of, visitor, hits FROM path
         UNION ALL
-        SELECT 'entry_path', path, '', visitor, count(*) FROM entry WHERE path <> '' GROUP BY path, visitor
+        SELECT 'entry_path', value, '', visitor, hits FROM entry
         UNION ALL
-        SELECT 'missing_path', path, '', visitor, count(*) FROM page
-        WHERE NOT is_beacon AND is_missing AND path <> '' GROUP BY path, visitor
+        SELECT 'missing_path', value, '', visitor, hits FROM missing
         UNION ALL
-        SELECT 'source_kind', source_kind, '', visitor, sum(hits) FROM origin WHERE source_kind <> '' GROUP BY 2, 4
+        SELECT 'source_kind', source_kind, '', visitor, sum(hits) FROM visit WHERE source_kind <> '' GROUP BY 2, 4
         UNION ALL
-        SELECT 'source', source, coalesce(source_kind, ''), visitor, sum(hits) FROM origin
+        SELECT 'source', source, coalesce(source_kind, ''), visitor, sum(hits) FROM visit
         WHERE source <> '' AND source_kind IS DISTINCT FROM 'campaign' GROUP BY 2, 3, 4
         UNION ALL
-        SELECT 'campaign', search_terms, coalesce(source, ''), visitor, sum(hits) FROM origin
+        SELECT 'campaign', search_terms, coalesce(source, ''), visitor, sum(hits) FROM visit
         WHERE search_terms <> '' AND source_kind = 'campaign' GROUP BY 2, 3, 4
         UNION ALL
-        SELECT 'campaign_source', source, '', visitor, sum(hits) FROM origin
+        SELECT 'campaign_source', source, '', visitor, sum(hits) FROM visit
         WHERE source <> '' AND source_kind = 'campaign' GROUP BY 2, 4
         UNION ALL
-        SELECT 'search_terms', search_terms, '', visitor, sum(hits) FROM origin
+        SELECT 'search_terms', search_terms, '', visitor, sum(hits) FROM visit
         WHERE search_terms <> '' AND source_kind = 'search' GROUP BY 2, 4
         UNION ALL
         SELECT 'country', country, '', visitor, sum(hits) FROM client WHERE country <> '' GROUP BY 2, 4
@@ -193,13 +213,11 @@ BEGIN
         SELECT 'os', os, '', visitor, sum(hits) FROM client WHERE os <> '' GROUP BY 2, 4
         UNION ALL
         SELECT 'hour', lpad(hour::text, 2, '0'), '', visitor, hits
-        FROM (SELECT extract(hour FROM at)::integer AS hour, visitor, count(*) AS hits
-              FROM page WHERE is_view GROUP BY 1, 2) h
+        FROM (SELECT hour, visitor, sum(hits) AS hits FROM visit GROUP BY 1, 2) h
         UNION ALL
-        SELECT 'bot', bot, '', visitor, sum(hits) FROM request WHERE NOT is_beacon AND bot <> '' GROUP BY 2, 4
+        SELECT 'bot', bot, '', visitor, hits FROM request WHERE left_out = 5 AND bot <> ''
         UNION ALL
-        SELECT 'status', status::text, '', visitor, sum(hits) FROM request
-        WHERE NOT is_beacon AND status IS NOT NULL GROUP BY 2, 4
+        SELECT 'status', status::text, '', visitor, hits FROM request WHERE left_out = 3 AND status IS NOT NULL
     ), total AS MATERIALIZED (
         SELECT dimension, value, part_of, sum(hits)::bigint AS hits, count(visitor) AS visitors
         FROM by_visitor GROUP BY dimension, value, part_of
@@ -211,13 +229,16 @@ BEGIN
             ORDER BY total.hits DESC, total.visitors DESC, total.value COLLATE "C", total.part_of COLLATE "C"
             LIMIT 1000) t
     ), rest AS MATERIALIZED (
-        -- An array, so that the dimensions that are complete are left out before they are computed once more.
-        SELECT b.dimension, sum(b.hits)::bigint AS hits, count(DISTINCT b.visitor) AS visitors
-        FROM by_visitor b
-        WHERE b.dimension = ANY (ARRAY(SELECT dimension FROM total GROUP BY dimension HAVING count(*) > 1000))
-          AND NOT EXISTS (SELECT FROM kept k
-                          WHERE k.dimension = b.dimension AND k.value = b.value AND k.part_of = b.part_of)
-        GROUP BY b.dimension
+        SELECT r.dimension, sum(r.hits)::bigint AS hits, count(r.visitor) AS visitors
+        FROM (
+            -- An array, so that the dimensions that are complete are left out before they are computed once more.
+            SELECT b.dimension, b.visitor, sum(b.hits) AS hits
+            FROM by_visitor b
+            WHERE b.dimension = ANY (ARRAY(SELECT dimension FROM total GROUP BY dimension HAVING count(*) > 1000))
+              AND NOT EXISTS (SELECT FROM kept k
+                              WHERE k.dimension = b.dimension AND k.value = b.value AND k.part_of = b.part_of)
+            GROUP BY b.dimension, b.visitor) r
+        GROUP BY r.dimension
     ), path_place AS MATERIALIZED (
         SELECT t.value, coalesce(k.place, 0) AS place
         FROM (SELECT value FROM total WHERE dimension = 'path') t
@@ -227,9 +248,9 @@ BEGIN
         FROM page p JOIN path_place l ON l.value = p.path
         WHERE p.is_view AND p.response_us IS NOT NULL GROUP BY l.place
     ), path_attention AS MATERIALIZED (
-        SELECT l.place, sum(p.engaged_secs) AS seconds
-        FROM page p JOIN path_place l ON l.value = p.path
-        WHERE p.is_beacon AND p.is_person GROUP BY l.place
+        SELECT l.place, sum(b.seconds) AS seconds
+        FROM beacon b JOIN path_place l ON l.value = b.path
+        WHERE b.is_person GROUP BY l.place
     ), fresh AS MATERIALIZED (
         SELECT v.dimension, v.value, v.part_of, v.hits, v.visitors,
                CASE WHEN v.dimension = 'path' THEN coalesce(a.seconds, 0) END AS engaged_seconds,
@@ -242,15 +263,15 @@ BEGIN
     ), people AS (
         SELECT visitor FROM client
         UNION
-        SELECT visitor FROM page WHERE is_beacon AND is_person
+        SELECT visitor FROM beacon WHERE is_person
     ), figures AS (
-        SELECT coalesce(sum(hits) FILTER (WHERE NOT is_beacon), 0)::bigint AS hits,
-               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND bot IS NOT NULL), 0)::bigint AS bot_hits,
-               least(coalesce(sum(bytes) FILTER (WHERE NOT is_beacon), 0), 9223372036854775807)::bigint AS bytes,
-               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND status BETWEEN 400 AND 499), 0)::bigint AS errors_4xx,
-               coalesce(sum(hits) FILTER (WHERE NOT is_beacon AND status BETWEEN 500 AND 599), 0)::bigint AS errors_5xx,
-               coalesce(sum(hits), 0)::bigint AS raw_hits
-        FROM request
+        SELECT coalesce(sum(hits), 0)::bigint AS hits,
+               least(coalesce(sum(bytes), 0), 9223372036854775807)::bigint AS bytes,
+               coalesce(sum(hits) FILTER (WHERE status BETWEEN 400 AND 499), 0)::bigint AS errors_4xx,
+               coalesce(sum(hits) FILTER (WHERE status BETWEEN 500 AND 599), 0)::bigint AS errors_5xx,
+               (SELECT coalesce(sum(hits), 0) FROM request WHERE left_out = 5 AND bot IS NOT NULL)::bigint AS bot_hits,
+               (SELECT coalesce(sum(beacons), 0) FROM beacon)::bigint AS beacons
+        FROM request WHERE left_out = 3
     ), written AS (
         INSERT INTO tarn.site_days AS s
             (site_id, day, hits, page_views, visitors, sessions, bounces, bot_hits, bytes, errors_4xx, errors_5xx,
@@ -261,11 +282,11 @@ BEGIN
                (SELECT count(*) FILTER (WHERE is_person) FROM session),
                (SELECT count(*) FILTER (WHERE views = 1 AND NOT stayed) FROM session),
                f.bot_hits, f.bytes, f.errors_4xx, f.errors_5xx,
-               (SELECT coalesce(sum(engaged_secs) FILTER (WHERE is_beacon AND is_person), 0) FROM page),
-               f.raw_hits, now(), (SELECT us[1] FROM response), (SELECT us[2] FROM response), 0, here
+               (SELECT coalesce(sum(seconds), 0) FROM beacon WHERE is_person),
+               f.hits + f.beacons, now(), (SELECT median FROM response), (SELECT p95 FROM response), 0, here
         FROM figures f
         -- What has no hits any more stands as it is; what never had any gets no row.
-        WHERE f.raw_hits > 0
+        WHERE f.hits + f.beacons > 0
           -- After a change of the zone: days that were counted in the other one and share hours with this one must have
           -- their hits still, and those that have come for this one.
           AND NOT EXISTS (
