@@ -373,10 +373,12 @@ private Q_SLOTS:
 
     void liveVisitorsAreOnlyCounted()
     {
+        QCOMPARE(grant(), QString());
+        // 20 seconds for a busy machine to get from here to the answer.
         run(u"INSERT INTO tarn.hits (site_id, at, method, status, is_page, visitor, bot, engaged_secs) "
             "SELECT site, now() - since::interval, method, status, page, visitor::bytea, bot, secs FROM "
             "(VALUES "
-            "(1, '0 s', 'GET', 200, true, 'a', NULL, NULL), (1, '299 s', 'GET', 304, true, 'b', NULL, NULL), "
+            "(1, '0 s', 'GET', 200, true, 'a', NULL, NULL), (1, '280 s', 'GET', 304, true, 'b', NULL, NULL), "
             "(1, '1 s', 'GET', 299, true, 'a', NULL, NULL), (1, '5 s', 'BEACON', 204, false, 'c', NULL, "
             "3.5), "
             "(1, '301 s', 'GET', 200, true, 'd', NULL, NULL), (1, '-60 s', 'GET', 200, true, 'e', NULL, "
@@ -386,7 +388,6 @@ private Q_SLOTS:
             "(1, '1 s', 'BEACON', 200, false, 'j', NULL, NULL), (2, '1 s', 'GET', 200, true, 'a', NULL, "
             "NULL)) "
             "h (site, since, method, status, page, visitor, bot, secs)"_s);
-        QCOMPARE(grant(), QString());
         QCOMPARE(test::value(sessionOf(u"tarn_reader"_s),
                              u"SELECT string_agg(concat_ws(' ', site_id, visitors), ', ' ORDER BY site_id) "
                              "FROM tarn.live_visitors"_s),
