@@ -3,6 +3,7 @@
 #include <QSettings>
 #include <QStringList>
 
+#include <cmath>
 #include <utility>
 
 using namespace Qt::Literals::StringLiterals;
@@ -27,8 +28,10 @@ QString shown(const QVariant& stored)
 /// What a number is that lies outside the range of @p setting.
 QString outOfRange(const Setting& setting)
 {
-    QString range =
-        u"not from %1 to %2"_s.arg(QString::number(setting.least), QString::number(setting.most, 'g', 10));
+    const QString least = QString::number(setting.least);
+    QString range = std::isinf(setting.most)
+                        ? u"not at least %1"_s.arg(least)
+                        : u"not from %1 to %2"_s.arg(least, QString::number(setting.most, 'g', 10));
     if (!setting.unit.empty())
         range += u' ' + text(setting.unit);
     return range;

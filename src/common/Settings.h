@@ -8,6 +8,7 @@
 #include <QVariant>
 
 #include <array>
+#include <limits>
 #include <span>
 #include <string_view>
 
@@ -40,6 +41,8 @@ struct Setting
 };
 
 inline constexpr double kMaxWhole = 2'147'483'647;
+/// Of a threshold: one that is never reached keeps its alert shut, which somebody can want.
+inline constexpr double kNoMost = std::numeric_limits<double>::infinity();
 
 // clang-format off
 
@@ -59,11 +62,11 @@ inline constexpr auto kTimerSettings = std::to_array<Setting>({
 
 inline constexpr auto kHealthSettings = std::to_array<Setting>({
     {.key = "health/apache_status_url", .standard = "http://127.0.0.1/server-status?auto", .meaning = "Apache's status page; empty: not looked at"},
-    {.key = "health/disk_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = 100, .meaning = "of a disk in use"},
-    {.key = "health/memory_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = 100, .meaning = "of the memory in use"},
-    {.key = "health/load_alert_per_cpu", .standard = "2", .kind = SettingKind::Number, .least = 0.01, .most = 10'000, .meaning = "load of one minute for each processor"},
-    {.key = "health/temperature_alert_c", .standard = "85", .kind = SettingKind::Number, .unit = "degrees Celsius", .least = 1, .most = 200, .meaning = "of the hottest processor"},
-    {.key = "health/apache_busy_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = 100, .meaning = "of Apache's workers that are busy"},
+    {.key = "health/disk_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = kNoMost, .meaning = "of a disk in use"},
+    {.key = "health/memory_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = kNoMost, .meaning = "of the memory in use"},
+    {.key = "health/load_alert_per_cpu", .standard = "2", .kind = SettingKind::Number, .least = 0.01, .most = kNoMost, .meaning = "load of one minute for each processor"},
+    {.key = "health/temperature_alert_c", .standard = "85", .kind = SettingKind::Number, .unit = "degrees Celsius", .least = 1, .most = kNoMost, .meaning = "of the hottest processor"},
+    {.key = "health/apache_busy_alert_pct", .standard = "90", .kind = SettingKind::Number, .unit = "percent", .least = 1, .most = kNoMost, .meaning = "of Apache's workers that are busy"},
     {.key = "hosting/db_limit_read_only", .standard = "true", .kind = SettingKind::Flag, .meaning = "whether databases over their limit become read-only"},
     {.key = "agent/socket", .standard = "/run/tarnhold/agent.sock", .meaning = "socket of the suite's agent"},
 });

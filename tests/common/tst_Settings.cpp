@@ -176,11 +176,10 @@ private Q_SLOTS:
         const auto disk = u"health/disk_alert_pct"_s;
         row("number-fraction", disk + u"=92.5"_s);
         row("number-least", disk + u"=1"_s);
-        row("number-below", disk + u"=0.99"_s, u" is not from 1 to 100 percent; 0.99 is used"_s);
-        row("number-most", disk + u"=100"_s);
-        row("number-above", disk + u"=100.5"_s, u" is not from 1 to 100 percent; 100.5 is used"_s);
+        row("number-below", disk + u"=0.99"_s, u" is not at least 1 percent; 0.99 is used"_s);
+        row("number-never-reached", disk + u"=1000"_s);
         row("number-percent-sign", disk + u"=90%"_s, u" is no number; 0 is used"_s);
-        row("number-not-a-number", disk + u"=nan"_s, u" is not from 1 to 100 percent; nan is used"_s);
+        row("number-not-a-number", disk + u"=nan"_s, u" is not at least 1 percent; nan is used"_s);
         const auto flag = u"hosting/db_limit_read_only"_s;
         row("flag-true", flag + u"=TRUE"_s);
         row("flag-zero", flag + u"=0"_s);

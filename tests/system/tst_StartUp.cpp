@@ -243,7 +243,6 @@ private Q_SLOTS:
         m_collector->start();
         QVERIFY(m_collector->waitForLog(
             u"settings: hosting/db_limit_read_only=no is neither true nor false; true is used"_s));
-        // The fixture's own thresholds are out of range, so that no alert opens.
         QCOMPARE(m_collector->log().filter(u"db_limit_read_only"_s).size(), 1);
         QCOMPARE(m_collector->log().filter(u"disk_alert_pct"_s).size(), 1);
         QCOMPARE(m_collector->log().filter(u"secret"_s), QStringList());
