@@ -8,6 +8,7 @@
 #include "analytics/UrlText.h"
 #include "collect/HostFiles.h"
 #include "collect/LogSource.h"
+#include "collect/StatusPage.h"
 #include "common/Db.h"
 #include "common/Log.h"
 #include "common/Mounts.h"

@@ -1,5 +1,6 @@
 #include "collect/HostFiles.h"
 
+#include "collect/CounterText.h"
 #include "common/Lines.h"
 
 #include <QByteArrayView>
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -18,34 +18,11 @@ namespace tarn {
 
 namespace {
 
-constexpr qint64 kLargest = std::numeric_limits<qint64>::max();
-
 /// Sectors of /proc/diskstats have this size whatever the disk's own.
 constexpr qint64 kSectorBytes = 512;
-constexpr qint64 kKiloByte = 1024;
-
-/// Longer texts are no numbers: to read one takes Qt a hundred times as long as to pass over it.
-constexpr qsizetype kMaxNumberLength = 64;
 
 /// Names of devices are shorter; see IFNAMSIZ and DISK_NAME_LEN in the kernel.
 constexpr qsizetype kMaxDeviceLength = 64;
-
-/// @p piece, with blanks around it or not, as a counter. The kernel's reach to 2^64; beyond 2^63 they are no
-/// number to us.
-qint64 counter(QByteArrayView piece)
-{
-    return piece.size() > kMaxNumberLength ? 0 : std::max(piece.trimmed().toLongLong(), qint64(0));
-}
-
-qint64 sum(qint64 a, qint64 b)
-{
-    return a > kLargest - b ? kLargest : a + b;
-}
-
-qint64 product(qint64 count, qint64 size)
-{
-    return count > kLargest / size ? kLargest : count * size;
-}
 
 bool isSpace(char c)
 {
@@ -80,22 +57,6 @@ QByteArrayView behind(QByteArrayView text, QByteArrayView word)
     return text.sliced(std::min(word.size() + 1, text.size()));
 }
 
-/// What a line says of a name, and the name.
-struct NameAndValue
-{
-    QByteArrayView name;
-    QByteArrayView value;
-};
-
-/// The two sides of the first colon; nothing without one.
-std::optional<NameAndValue> splitAtColon(QByteArrayView line)
-{
-    const qsizetype colon = line.indexOf(':');
-    if (colon < 0)
-        return std::nullopt;
-    return NameAndValue{line.first(colon).trimmed(), line.sliced(colon + 1)};
-}
-
 double load(QByteArrayView piece)
 {
     const double value = piece.size() > kMaxNumberLength ? 0.0 : piece.toDouble();
@@ -126,7 +87,7 @@ CpuTimes parseStat(const QByteArray& text)
     const auto columns = pieces<kLast + 1>(takeLine(rest));
     CpuTimes times;
     for (std::size_t i = 1; i <= kLast; ++i)
-        times.total = sum(times.total, counter(columns[i]));
+        times.total = saturatingSum(times.total, counter(columns[i]));
     times.iowait = counter(columns[kIowait]);
     // Only where the sum did not fit can the two be more than it.
     times.busy = std::max(times.total - counter(columns[kIdle]) - times.iowait, qint64(0));
@@ -144,8 +105,8 @@ Traffic parseNetDev(const QByteArray& text)
         if (!interface || interface->name == "lo")
             continue;
         const auto columns = pieces<kSent + 1>(interface->value);
-        traffic.in = sum(traffic.in, counter(columns[kReceived]));
-        traffic.out = sum(traffic.out, counter(columns[kSent]));
+        traffic.in = saturatingSum(traffic.in, counter(columns[kReceived]));
+        traffic.out = saturatingSum(traffic.out, counter(columns[kSent]));
     }
     return traffic;
 }
@@ -160,8 +121,10 @@ Traffic parseDiskStats(const QByteArray& text)
         const auto columns = pieces<kSectorsWritten + 1>(takeLine(rest));
         if (columns[kSectorsWritten].isEmpty() || !isDisk(columns[kDevice]))
             continue;
-        traffic.in = sum(traffic.in, product(counter(columns[kSectorsRead]), kSectorBytes));
-        traffic.out = sum(traffic.out, product(counter(columns[kSectorsWritten]), kSectorBytes));
+        traffic.in =
+            saturatingSum(traffic.in, saturatingProduct(counter(columns[kSectorsRead]), kSectorBytes));
+        traffic.out =
+            saturatingSum(traffic.out, saturatingProduct(counter(columns[kSectorsWritten]), kSectorBytes));
     }
     return traffic;
 }
@@ -185,29 +148,6 @@ qint64 meminfo(const QByteArray& text, const QByteArray& key)
         return value.size() > kMaxNumberLength ? 0 : counter(firstWord(value.trimmed()));
     }
     return 0;
-}
-
-ApacheStatus parseApacheStatus(const QByteArray& text)
-{
-    ApacheStatus status;
-    for (QByteArrayView rest(text); !rest.isEmpty();) {
-        const std::optional<NameAndValue> entry = splitAtColon(takeLine(rest));
-        if (!entry)
-            continue;
-        if (entry->name == "Total Accesses") {
-            status.found = true;
-            status.requests = counter(entry->value);
-        } else if (entry->name == "Total kBytes") {
-            status.bytes = product(counter(entry->value), kKiloByte);
-        } else if (entry->name == "BusyWorkers") {
-            const qint64 busy = counter(entry->value);
-            status.busy = busy > std::numeric_limits<qint32>::max() ? 0 : static_cast<qint32>(busy);
-        } else if (entry->name == "Scoreboard") {
-            status.slotCount = static_cast<qint32>(
-                std::min<qsizetype>(entry->value.trimmed().size(), std::numeric_limits<qint32>::max()));
-        }
-    }
-    return status.found ? status : ApacheStatus();
 }
 
 QByteArray readFile(const QString& path)

@@ -1,7 +1,7 @@
-// The counters that the kernel keeps in text files, and Apache's on its status page. Each parser is a
-// function of the text alone and never fails: what is missing, cut off or no number counts as 0, a text of
-// more than 64 bytes included, and a sum that does not fit stays at the largest number. Counters are never
-// negative, so that two of them can be subtracted.
+// The counters that the kernel keeps in text files. Each parser is a function of the text alone and never
+// fails: what is missing, cut off or no number counts as 0, a text of more than 64 bytes included, and a sum
+// that does not fit stays at the largest number. Counters are never negative, so that two of them can be
+// subtracted.
 #pragma once
 
 #include <QByteArray>
@@ -53,20 +53,6 @@ LoadAverage parseLoadAverage(const QByteArray& text);
 
 /// The value of @p key ("MemAvailable") in a /proc/meminfo (proc(5)), in kB.
 qint64 meminfo(const QByteArray& text, const QByteArray& key);
-
-/// What Apache's status page for machines ("?auto", mod_status) tells.
-struct ApacheStatus
-{
-    bool found = false;   ///< false: it is some other page
-    qint64 requests = 0;  ///< since the start of the server
-    qint64 bytes = 0;     ///< sent since then
-    qint32 busy = 0;      ///< workers that serve a request
-    qint32 slotCount = 0; ///< places for workers: busy, idle and empty ones
-};
-
-/// Reads the lines "Total Accesses", "Total kBytes", "BusyWorkers" and "Scoreboard"; of two with one name the
-/// last.
-ApacheStatus parseApacheStatus(const QByteArray& text);
 
 /// The whole file; empty when it cannot be read.
 QByteArray readFile(const QString& path);

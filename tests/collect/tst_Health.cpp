@@ -1,31 +1,25 @@
+#include "collect/ApachePage.h"
 #include "collect/HealthFixture.h"
 #include "collect/HostFiles.h"
 #include "common/System.h"
 #include "support/FakeHttp.h"
 #include "support/Messages.h"
-#include "support/ProcessMemory.h"
 
-#include <QElapsedTimer>
+#include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QStorageInfo>
 #include <QTest>
 
-#include <csignal>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using test::FakeHttp;
 using test::HealthFixture;
-using test::memoryMb;
+using test::statusPage;
 
 namespace {
 
@@ -34,16 +28,6 @@ const auto kRates =
     "apache_bps"_s;
 const auto kSensor = u"cpu_temp_c"_s;
 const auto kApache = u"apache_rps apache_bps apache_busy apache_slots"_s;
-
-/// A status page as Apache writes it.
-QByteArray statusPage(int requests, int kBytes, int busy, int slots_)
-{
-    return "127.0.0.1\nServerVersion: Apache/2.4.57 (Debian)\nServerMPM: event\nTotal Accesses: "
-           + QByteArray::number(requests) + "\nTotal kBytes: " + QByteArray::number(kBytes)
-           + "\nTotal Duration: 17\nCPULoad: .0134\nReqPerSec: .03\nBusyWorkers: " + QByteArray::number(busy)
-           + "\nIdleWorkers: 47\nScoreboard: " + QByteArray(busy, 'W') + QByteArray(slots_ - busy, '.')
-           + "\n";
-}
 
 FakeHttp::Reply ok(const QByteArray& page)
 {
@@ -122,6 +106,13 @@ private:
         useApache();
     }
 
+    /// Two samples have rates between them if their times, which are milliseconds, differ.
+    static bool nextMillisecond()
+    {
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        return QTest::qWaitFor([now] { return QDateTime::currentMSecsSinceEpoch() > now; });
+    }
+
     static void expectAlert(const QString& pattern)
     {
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^alert: "_s + pattern));
@@ -163,7 +154,7 @@ private Q_SLOTS:
         QCOMPARE(m_apache.requests().first().text(), QByteArray("GET /server-status?auto\n\n"));
     }
 
-    void secondSampleHasThem()
+    void secondSampleHasRates()
     {
         m_apache.answer([this](const auto&) {
             const auto count = static_cast<int>(m_apache.requests().size());
@@ -172,7 +163,7 @@ private Q_SLOTS:
         useApache();
         const auto health = m_fixture.makeHealth();
         health->sample();
-        QTest::qWait(2); // the clock of the counters has milliseconds
+        QVERIFY(nextMillisecond());
         health->sample();
         QCOMPARE(samples(), u"2"_s);
         QCOMPARE(sorted(nullColumns()), sorted(expectedNulls({})));
@@ -228,16 +219,16 @@ private Q_SLOTS:
         QCOMPARE(latest(u"pg_connections"_s), u"3"_s);
         // A reset of the statistics, as after a crash of the server.
         HealthFixture::run(u"UPDATE fake.pg_stat_database SET xact_commit = 1"_s);
-        QTest::qWait(2);
+        QVERIFY(nextMillisecond());
         health->sample();
         QVERIFY(nullColumns().contains(u"pg_tps"_s));
         HealthFixture::run(u"UPDATE fake.pg_stat_database SET xact_commit = 1000"_s);
-        QTest::qWait(2);
+        QVERIFY(nextMillisecond());
         health->sample();
         QVERIFY(!nullColumns().contains(u"pg_tps"_s));
     }
 
-    void missingStatistics()
+    void missingStatisticsAreZero()
     {
         fakeStatistics();
         HealthFixture::run(u"CREATE TABLE fake.pg_stat_database (nothing int)"_s);
@@ -261,7 +252,8 @@ private Q_SLOTS:
             m_apache.setReply(apacheIsUp
                                   ? ok(statusPage(100, 200, 1, 150))
                                   : FakeHttp::reply("503 Service Unavailable", statusPage(1, 2, 3, 4)));
-            QTest::qWait(2);
+            if (!nextMillisecond())
+                return QStringList(u"the clock stands still"_s);
             health->sample();
             return sorted(nullColumns());
         };
@@ -272,153 +264,6 @@ private Q_SLOTS:
         QCOMPARE(nullsAfterSample(true), sorted(expectedNulls(u"apache_rps apache_bps"_s)));
         QCOMPARE(latest(u"apache_busy, apache_slots"_s), u"1|150"_s);
         QCOMPARE(nullsAfterSample(true), sorted(expectedNulls({})));
-    }
-
-    void noStatusPage_data()
-    {
-        QTest::addColumn<QByteArray>("answer");
-        const QByteArray page = statusPage(100, 200, 1, 150);
-        QTest::newRow("not-found") << FakeHttp::reply("404 Not Found", page).bytes;
-        QTest::newRow("another-success") << FakeHttp::reply("203 Non-Authoritative Information", page).bytes;
-        QTest::newRow("redirect-with-page")
-            << FakeHttp::reply("302 Found", page, "Location: /elsewhere\r\n").bytes;
-        QTest::newRow("another-page") << ok("<html>It works!</html>").bytes;
-        QTest::newRow("empty") << ok({}).bytes;
-        QTest::newRow("no-http") << QByteArray("SSH-2.0-OpenSSH_9.2\r\n\r\n");
-        QTest::newRow("one-byte-too-much") << ok(page + QByteArray(1'048'576 - page.size() + 1, '\n')).bytes;
-    }
-    void noStatusPage()
-    {
-        QFETCH(const QByteArray, answer);
-        useApache({answer, FakeHttp::Then::CloseLate});
-        QVERIFY(!m_fixture.makeHealth()->read().apache);
-        for (const FakeHttp::Request& request : m_apache.requests())
-            QCOMPARE(request.target, QByteArray("/server-status?auto")); // no redirect is followed
-    }
-
-    /// How the end of the connection is noticed is a matter of luck: hence several times.
-    void statusPageThatIsCutShort()
-    {
-        useApache({ok(statusPage(100, 200, 1, 150)).bytes.chopped(1), FakeHttp::Then::CloseLate});
-        const auto health = m_fixture.makeHealth();
-        for (int i = 0; i < 20; ++i)
-            QVERIFY(!health->read().apache);
-    }
-
-    void longestStatusPage()
-    {
-        const QByteArray page = statusPage(100, 200, 1, 150);
-        useApache(ok(page + QByteArray(1'048'576 - page.size(), '\n')));
-        QVERIFY(m_fixture.makeHealth()->read().apache);
-    }
-
-    void compressedStatusPageIsNotAskedFor()
-    {
-        useApache();
-        m_fixture.makeHealth()->read();
-        QCOMPARE(m_apache.requests().first().header("Accept-Encoding"), QByteArray("identity"));
-    }
-
-    void oddStatusAddresses_data()
-    {
-        QTest::addColumn<QString>("url");
-        QTest::newRow("refused") << u"http://127.0.0.1:1/"_s;
-        QTest::newRow("no-scheme") << u"127.0.0.1/server-status?auto"_s;
-        QTest::newRow("scheme-relative") << u"//127.0.0.1/server-status?auto"_s;
-        QTest::newRow("no-host") << u"http://"_s;
-        QTest::newRow("bad-port") << u"http://127.0.0.1:99999/"_s;
-        QTest::newRow("blank") << u" "_s;
-        QTest::newRow("words") << u"not an address"_s;
-        QTest::newRow("other-scheme") << u"gopher://127.0.0.1/"_s;
-        QTest::newRow("endless-file") << u"file:///dev/zero"_s;
-        QTest::newRow("data") << u"data:text/plain,Total Accesses: 5"_s;
-        QTest::newRow("nul") << u"http://127.0.0.1\0/"_s;
-    }
-    void oddStatusAddresses()
-    {
-        QFETCH(const QString, url);
-        m_fixture.settings[u"health/apache_status_url"_s] = url;
-        QVERIFY(!m_fixture.makeHealth()->read().apache);
-    }
-
-    /// Silence ends the wait after three seconds, drops after ten; a flood at once.
-    void apacheThatKeepsTheSampleWaiting()
-    {
-        useApache({QByteArray()});
-        const auto health = m_fixture.makeHealth();
-        QElapsedTimer timer;
-        timer.start();
-        QVERIFY(!health->read().apache);
-        QVERIFY2(timer.elapsed() > 2500 && timer.elapsed() < 6000,
-                 qPrintable(QString::number(timer.elapsed())));
-
-        const QByteArray endless = "HTTP/1.1 200 OK\r\n\r\n" + statusPage(1, 1, 1, 1);
-        m_apache.setReply({endless, FakeHttp::Then::Trickle});
-        timer.start();
-        QVERIFY(!health->read().apache);
-        QVERIFY2(timer.elapsed() > 9000 && timer.elapsed() < 13'000,
-                 qPrintable(QString::number(timer.elapsed())));
-
-        m_apache.setReply({endless, FakeHttp::Then::Flood});
-        test::resetMemoryPeak();
-        const double before = memoryMb("VmHWM");
-        timer.start();
-        QVERIFY(!health->read().apache);
-        QVERIFY2(timer.elapsed() < 2500, qPrintable(QString::number(timer.elapsed())));
-        QVERIFY2(memoryMb("VmHWM") - before < 50, qPrintable(QString::number(memoryMb("VmHWM") - before)));
-    }
-
-    void realApache()
-    {
-        QTemporaryDir folder(u"/tmp/tarn-test-XXXXXX"_s);
-        QFile configuration(folder.filePath(u"apache.conf"_s));
-        QProcess apache;
-        apache.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGTERM); });
-        apache.setProcessChannelMode(QProcess::MergedChannels);
-        const QString ready = folder.filePath(u"ready.pid"_s);
-        // Whether a port is free is known for sure only once the server has it.
-        QString url;
-        for (int i = 0; i < 20 && !QFile::exists(ready); ++i) {
-            const int port = QRandomGenerator::global()->bounded(10'000, 30'000);
-            QVERIFY(configuration.open(QIODevice::WriteOnly | QIODevice::Truncate));
-            configuration.write(
-                "ServerRoot " + folder.path().toUtf8() + "\nServerName status.example\nPidFile "
-                + ready.toUtf8() + "\nDefaultRuntimeDir " + folder.path().toUtf8() + "\nErrorLog "
-                + folder.path().toUtf8() + "/error.log\nListen 127.0.0.1:" + QByteArray::number(port) + '\n');
-            for (const QByteArrayView module : {"mpm_event", "authz_core", "authz_host", "status"}) {
-                configuration.write("LoadModule " + module.toByteArray()
-                                    + "_module /usr/lib/apache2/modules/mod_" + module.toByteArray()
-                                    + ".so\n");
-            }
-            if (geteuid() == 0)
-                configuration.write("User www-data\nGroup www-data\n");
-            configuration.write("StartServers 1\nServerLimit 1\nThreadsPerChild 8\nMaxRequestWorkers 8\n"
-                                "MinSpareThreads 1\nMaxSpareThreads 8\nExtendedStatus On\n"
-                                "<Location /server-status>\nSetHandler server-status\nRequire local\n"
-                                "</Location>\n");
-            configuration.close();
-            apache.start(u"/usr/sbin/apache2"_s, {u"-f"_s, configuration.fileName(), u"-DFOREGROUND"_s});
-            QVERIFY(apache.waitForStarted());
-            url = u"http://127.0.0.1:%1/server-status?auto"_s.arg(port);
-            QVERIFY(QTest::qWaitFor(
-                [&] { return QFile::exists(ready) || apache.state() == QProcess::NotRunning; }, 30'000));
-        }
-        QVERIFY2(QFile::exists(ready), apache.readAll().constData());
-
-        m_fixture.settings[u"health/apache_status_url"_s] = url;
-        const auto health = m_fixture.makeHealth();
-        const Health::Counters first = health->read();
-        QVERIFY(first.apache);
-        QCOMPARE(first.apacheSlots, 8);
-        QVERIFY(first.apacheBusy >= 1); // the one that writes the page
-        Health::Counters second;
-        // Apache counts a request when it is done with it, which can be after the client is.
-        QTRY_VERIFY((second = health->read()).apacheRequests > first.apacheRequests);
-        QVERIFY(second.apacheBytes >= first.apacheBytes);
-
-        apache.terminate();
-        QVERIFY(apache.waitForFinished());
-        QVERIFY(!health->read().apache);
     }
 
     void samplesOlderThanThirtyDaysGo()
@@ -432,7 +277,7 @@ private Q_SLOTS:
         QCOMPARE(HealthFixture::scalar(u"SELECT count(*) FROM tarn.host_samples WHERE load1 = 2"_s), u"1"_s);
     }
 
-    void failedInsert()
+    void aFailedInsertCostsTheRatesOfOneInterval()
     {
         m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
         const auto health = m_fixture.makeHealth();
@@ -448,7 +293,7 @@ private Q_SLOTS:
         QVERIFY(HealthFixture::alerts().startsWith(u"memory|RAM|"_s));
         // What was lost is the interval before: the next one has its rates.
         HealthFixture::allow(u"host_samples"_s);
-        QTest::qWait(2);
+        QVERIFY(nextMillisecond());
         health->sample();
         QCOMPARE(sorted(nullColumns()), sorted(expectedNulls(kApache)));
     }

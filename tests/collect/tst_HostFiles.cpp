@@ -1,6 +1,5 @@
 #include "collect/HostFiles.h"
-#include "support/CpuTime.h"
-#include "support/HostileTexts.h"
+#include "collect/HostTexts.h"
 
 #include <QDir>
 #include <QFile>
@@ -16,6 +15,7 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::captured;
 
 namespace {
 
@@ -38,11 +38,6 @@ bool writeFile(const QString& path, const QByteArray& contents)
 {
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
-}
-
-QByteArray captured(const QString& name)
-{
-    return readFile(QStringLiteral(TARN_TEST_DATA "/") + name);
 }
 
 /// The sum of a figure over those of the folders in @p root that @p counts.
@@ -177,7 +172,6 @@ private Q_SLOTS:
         const QByteArray net = captured(u"proc/network-host/net/dev"_s);
         const QByteArray disks = captured(u"proc/kvm-guest/diskstats"_s);
         const QByteArray memory = captured(u"proc/container/meminfo"_s);
-        const QByteArray apache = captured(u"apache-status/apache-2.4.txt"_s);
         for (qsizetype size = 0; size <= stat.size(); ++size)
             QVERIFY(parseStat(stat.first(size)).total <= parseStat(stat).total);
         for (qsizetype size = 0; size <= net.size(); ++size)
@@ -186,28 +180,9 @@ private Q_SLOTS:
             QVERIFY(parseDiskStats(disks.first(size)).out <= parseDiskStats(disks).out);
         for (qsizetype size = 0; size <= memory.size(); ++size)
             QVERIFY(meminfo(memory.first(size), "MemAvailable") <= 1'999'999);
-        for (qsizetype size = 0; size <= apache.size(); ++size)
-            QVERIFY(parseApacheStatus(apache.first(size)).slotCount <= 400);
     }
 
-    void spoiltTexts_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::newRow("null") << QByteArray();
-        QTest::newRow("empty") << QByteArray("");
-        QTest::newRow("line-feeds") << QByteArray("\n\n\n");
-        QTest::newRow("blanks") << QByteArray("   \t ");
-        QTest::newRow("one-word") << QByteArray("cpu");
-        QTest::newRow("colons") << QByteArray(":::\n:\n");
-        QTest::newRow("nul-bytes") << QByteArray("\0\0:\0\n\0", 6);
-        QTest::newRow("not-utf-8") << QByteArray("\xff\xfe: \xff\n");
-        QTest::newRow("html") << QByteArray("<html><title>404</title>\n<a href=\"http://x\">x</a>\n");
-        QTest::newRow("words") << QByteArray("sda: a b c d e f g h i j k\n");
-        QTest::newRow("huge-line") << QByteArray(10'000'000, 'x');
-        QTest::newRow("huge-line-of-blanks") << QByteArray(10'000'000, ' ');
-        QTest::newRow("many-lines") << QByteArray("x: \n").repeated(1'000'000);
-        QTest::newRow("many-columns") << QByteArray("x ").repeated(1'000'000);
-    }
+    void spoiltTexts_data() { test::addSpoiltTexts(); }
     void spoiltTexts()
     {
         QFETCH(const QByteArray, text);
@@ -224,9 +199,6 @@ private Q_SLOTS:
         QCOMPARE(load.five, 0.0);
         QCOMPARE(load.fifteen, 0.0);
         QCOMPARE(meminfo(text, "MemTotal"), 0);
-        const ApacheStatus status = parseApacheStatus(text);
-        QVERIFY(!status.found);
-        QCOMPARE(status.slotCount, 0);
     }
 
     void cpuColumns_data()
@@ -420,82 +392,6 @@ private Q_SLOTS:
         QCOMPARE(meminfo(text, "MemTotal"), value);
     }
 
-    void apachePages_data()
-    {
-        QTest::addColumn<bool>("found");
-        QTest::addColumn<qint64>("requests");
-        QTest::addColumn<qint64>("bytes");
-        QTest::addColumn<qint32>("busy");
-        QTest::addColumn<qint32>("slotCount");
-        QTest::newRow("apache-2.4") << true << 123'456LL << 7'890'123LL * 1024 << 3 << 400;
-        QTest::newRow("apache-2.4-just-started") << true << 2LL << 2'048LL << 1 << 400;
-        QTest::newRow("apache-2.2") << true << 17LL << 21LL * 1024 << 1 << 256;
-        // Without "ExtendedStatus On" it counts nothing.
-        QTest::newRow("not-extended") << false << 0LL << 0LL << 0 << 0;
-    }
-    void apachePages()
-    {
-        QFETCH(const bool, found);
-        QFETCH(const qint64, requests);
-        QFETCH(const qint64, bytes);
-        QFETCH(const qint32, busy);
-        QFETCH(const qint32, slotCount);
-        const QString name = QString::fromLatin1(QTest::currentDataTag());
-        const QByteArray page = captured(u"apache-status/%1.txt"_s.arg(name));
-        QVERIFY(!page.isEmpty());
-        for (const QByteArray& text : {page, QByteArray(page).replace('\n', "\r\n"), page.trimmed()}) {
-            const ApacheStatus status = parseApacheStatus(text);
-            QCOMPARE(status.found, found);
-            QCOMPARE(status.requests, requests);
-            QCOMPARE(status.bytes, bytes);
-            QCOMPARE(status.busy, busy);
-            QCOMPARE(status.slotCount, slotCount);
-        }
-    }
-
-    void apacheLines_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QList<qint64>>("figures"); // found, requests, bytes, busy, slots
-        const auto row = [](const char* name, const char* text, const QList<qint64>& figures) {
-            QTest::newRow(name) << QByteArray(text) << figures;
-        };
-        row("accesses-only", "Total Accesses: 5\n", {1, 5, 0, 0, 0});
-        row("accesses-empty", "Total Accesses:\n", {1, 0, 0, 0, 0});
-        row("accesses-no-number", "Total Accesses: many\nBusyWorkers: 3\n", {1, 0, 0, 3, 0});
-        row("accesses-missing", "Total kBytes: 5\nBusyWorkers: 3\nScoreboard: W_\n", {0, 0, 0, 0, 0});
-        row("accesses-longer-name", "My Total Accesses: 5\nTotal Accesses2: 5\n", {0, 0, 0, 0, 0});
-        row("other-case", "total accesses: 5\n", {0, 0, 0, 0, 0});
-        row("blanks-around", "  Total Accesses \t: 5 \r\n\tBusyWorkers :3\n", {1, 5, 0, 3, 0});
-        row("no-blank", "Total Accesses:5\nTotal kBytes:2\n", {1, 5, 2048, 0, 0});
-        row("last-of-two",
-            "Total Accesses: 5\nTotal Accesses: 6\nBusyWorkers: 9\nBusyWorkers: x\n"
-            "Scoreboard: ____\nScoreboard: W\n",
-            {1, 6, 0, 0, 1});
-        row("second-colon", "Total Accesses: 5:6\nScoreboard: W:W\n", {1, 0, 0, 0, 3});
-        row("scoreboard-with-blanks-within", "Total Accesses: 5\nScoreboard:  W_ .  \n", {1, 5, 0, 0, 4});
-        row("fraction", "Total Accesses: 5.5\nBusyWorkers: 1e1\n", {1, 0, 0, 0, 0});
-        row("negative", "Total Accesses: -5\nTotal kBytes: -1\nBusyWorkers: -2\n", {1, 0, 0, 0, 0});
-        row("most-kbytes", "Total Accesses: 1\nTotal kBytes: 9007199254740991\n",
-            {1, 1, 9'223'372'036'854'774'784, 0, 0});
-        row("most-kbytes-plus-one", "Total Accesses: 1\nTotal kBytes: 9007199254740992\n",
-            {1, 1, kLargest, 0, 0});
-        row("beyond-2^63", "Total Accesses: 9223372036854775808\nTotal kBytes: 18446744073709551615\n",
-            {1, 0, 0, 0, 0});
-        row("busy-beyond-2^31", "Total Accesses: 1\nBusyWorkers: 2147483648\n", {1, 1, 0, 0, 0});
-        row("page-for-people", "<h1>Apache Server Status</h1>\n<dt>Total accesses: 5</dt>\n",
-            {0, 0, 0, 0, 0});
-    }
-    void apacheLines()
-    {
-        QFETCH(const QByteArray, text);
-        QFETCH(const QList<qint64>, figures);
-        const ApacheStatus status = parseApacheStatus(text);
-        QCOMPARE((QList<qint64>{status.found ? 1 : 0, status.requests, status.bytes, status.busy,
-                                status.slotCount}),
-                 figures);
-    }
-
     void longestNumbers()
     {
         const QByteArray zeros(62, '0');
@@ -504,8 +400,6 @@ private Q_SLOTS:
         QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").one, 1.0);
         QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").five, 0.0);
         QCOMPARE(parseLoadAverage("1." + zeros + " 1." + zeros + "0 2").fifteen, 2.0);
-        QCOMPARE(parseApacheStatus("Total Accesses: 1\nBusyWorkers:" + zeros + "17").busy, 17);
-        QCOMPARE(parseApacheStatus("Total Accesses: 1\nBusyWorkers:0" + zeros + "17").busy, 0);
     }
 
     void longestDeviceName()
@@ -527,26 +421,12 @@ private Q_SLOTS:
         row("disk-sectors", " 8 0 sda 1 1 ", [](const QByteArray& t) { parseDiskStats(t); });
         row("load", "", [](const QByteArray& t) { parseLoadAverage(t); });
         row("memory", "MemTotal: ", [](const QByteArray& t) { meminfo(t, "MemTotal"); });
-        row("accesses", "Total Accesses: ", [](const QByteArray& t) { parseApacheStatus(t); });
-        row("workers", "BusyWorkers: ", [](const QByteArray& t) { parseApacheStatus(t); });
     }
-    /// By the ratio within one run, in processor time. A number of 64 KiB cost 100 times what letters do.
     void hostileTextsCostLittleMoreThanPlainOnes()
     {
-        constexpr qsizetype kBytes = 65'536;
         QFETCH(const QByteArray, before);
         QFETCH(const std::function<void(const QByteArray&)>, parse);
-        const auto secondsFor = [&](const QByteArray& unit) {
-            const QByteArray text = before + tarn::tests::textOf(unit, kBytes);
-            return tarn::tests::leastSeconds(15, [&] { parse(text); });
-        };
-        const double plain = secondsFor("x");
-        for (const tarn::tests::Shape& shape : tarn::tests::hostileShapes()) {
-            const double hostile = secondsFor(shape.unit);
-            QVERIFY2(hostile < 10 * plain, qPrintable(u"%1: %2 us, %3 us"_s.arg(QLatin1StringView(shape.name))
-                                                          .arg(hostile * 1e6)
-                                                          .arg(plain * 1e6)));
-        }
+        QCOMPARE(test::textsThatCostTooMuch(before, parse), QString());
     }
 
     void readFileReadsWhatThereIs()
