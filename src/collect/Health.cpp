@@ -1,13 +1,10 @@
 #include "collect/Health.h"
 
-#include "collect/HostFiles.h"
 #include "collect/HostSample.h"
 #include "collect/StatusPage.h"
 #include "common/Db.h"
-#include "common/Mounts.h"
 #include "common/System.h"
 
-#include <QDateTime>
 #include <QScopedValueRollback>
 #include <QSettings>
 #include <QSqlQuery>
@@ -28,23 +25,6 @@ qint64 count(const QString& statement)
 {
     QSqlQuery query;
     return query.exec(statement) && query.next() ? query.value(0).toLongLong() : 0;
-}
-
-HostFigures readFigures()
-{
-    HostFigures host;
-    host.load = parseLoadAverage(readFile(u"/proc/loadavg"_s));
-    const QByteArray memory = readFile(u"/proc/meminfo"_s);
-    host.memTotalKb = meminfo(memory, "MemTotal");
-    host.memAvailableKb = meminfo(memory, "MemAvailable");
-    host.swapTotalKb = meminfo(memory, "SwapTotal");
-    host.swapFreeKb = meminfo(memory, "SwapFree");
-    const system::Space root = system::spaceOf("/").value_or(system::Space());
-    host.diskTotalBytes = root.totalBytes;
-    host.diskAvailableBytes = root.availableBytes;
-    host.cpuTemperatureC = cpuTemperature();
-    host.pgConnections = static_cast<int>(count(kConnections));
-    return host;
 }
 
 void store(const QVariantList& values)
@@ -82,18 +62,7 @@ Health::Health(const QSettings& settings)
 
 Health::Counters Health::read() const
 {
-    Counters now;
-    now.atMs = QDateTime::currentMSecsSinceEpoch();
-    const CpuTimes cpu = parseStat(readFile(u"/proc/stat"_s));
-    now.cpuBusy = cpu.busy;
-    now.cpuTotal = cpu.total;
-    now.cpuIowait = cpu.iowait;
-    const Traffic net = parseNetDev(readFile(u"/proc/net/dev"_s));
-    now.netRx = net.in;
-    now.netTx = net.out;
-    const Traffic disk = parseDiskStats(readFile(u"/proc/diskstats"_s));
-    now.diskRead = disk.in;
-    now.diskWrite = disk.out;
+    Counters now = readHostCounters();
     now.pgXacts = count(kTransactions);
     if (!m_apacheStatusUrl.isEmpty()) {
         const ApacheStatus status = parseApacheStatus(fetchStatusPage(m_apacheStatusUrl));
@@ -117,7 +86,8 @@ void Health::sample()
     const Counters current = read();
     // The wait for Apache is also where the loss of the session is noticed, and the session closed.
     db::ensure(false);
-    const HostFigures host = readFigures();
+    HostFigures host = readHostFigures();
+    host.pgConnections = static_cast<int>(count(kConnections));
     store(sampleValues(m_prev, current, host));
     m_prev = current;
     prune();

@@ -5,6 +5,7 @@
 // inside sample() and applyUsage(); what they run inside of must not end meanwhile.
 #pragma once
 
+#include "collect/HostCounters.h"
 #include "common/Notify.h"
 
 #include <QHash>
@@ -20,30 +21,11 @@ class QSettings;
 namespace tarn {
 
 struct Account;
-struct HostFigures;
 
 class Health
 {
 public:
-    /// Everything on the host that only counts up, as it stood at one moment. What cannot be read is 0.
-    struct Counters
-    {
-        qint64 cpuBusy = 0;        ///< jiffies, over all processors, neither idle nor waiting for a disk
-        qint64 cpuTotal = 0;       ///< jiffies
-        qint64 cpuIowait = 0;      ///< jiffies
-        qint64 netRx = 0;          ///< bytes received on all interfaces but the loopback
-        qint64 netTx = 0;          ///< bytes sent on them
-        qint64 diskRead = 0;       ///< bytes, over all whole disks
-        qint64 diskWrite = 0;      ///< bytes
-        qint64 pgXacts = 0;        ///< transactions of all databases of the server, rolled back ones included
-        qint64 apacheRequests = 0; ///< since Apache was started
-        qint64 apacheBytes = 0;    ///< sent since then
-        qint32 apacheBusy = 0;     ///< workers serving a request (no counter: as it is)
-        qint32 apacheSlots = 0;    ///< workers that there can be at most
-        bool apache = false;       ///< Apache's status page could be had
-        qint64 atMs = 0;           ///< milliseconds since the epoch, by the wall clock
-        bool valid = false;        ///< false for the sample before the first one
-    };
+    using Counters = HostCounters;
 
     /// Reads the settings: `health/...`, `agent/socket`, `hosting/db_limit_read_only` and those of
     /// notify::load().

@@ -4,13 +4,12 @@
 #include "common/Lines.h"
 
 #include <QByteArrayView>
-#include <QDir>
-#include <QFile>
 #include <QRegularExpression>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <optional>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -68,12 +67,6 @@ bool isDisk(QByteArrayView device)
 {
     static const QRegularExpression disk(u"^(sd[a-z]+|vd[a-z]+|xvd[a-z]+|nvme\\d+n\\d+|mmcblk\\d+)$"_s);
     return device.size() <= kMaxDeviceLength && disk.match(QString::fromLatin1(device)).hasMatch();
-}
-
-/// True for the drivers of the sensors in Intel's and AMD's processors.
-bool isCpuSensor(QByteArrayView driver)
-{
-    return driver == "coretemp" || driver == "k10temp" || driver == "zenpower";
 }
 
 } // namespace
@@ -148,36 +141,6 @@ qint64 meminfo(const QByteArray& text, const QByteArray& key)
         return value.size() > kMaxNumberLength ? 0 : counter(firstWord(value.trimmed()));
     }
     return 0;
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    // Qt warns of a file without a name.
-    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
-}
-
-std::optional<double> cpuTemperature(const QString& root)
-{
-    constexpr double kPerDegree = 1000;
-    double hottest = -1;
-    // The kernel's devices are links to folders elsewhere.
-    const QStringList devices = QDir(root).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
-    for (const QString& device : devices) {
-        const QDir folder(root + u'/' + device);
-        if (!isCpuSensor(readFile(folder.filePath(u"name"_s)).trimmed()))
-            continue;
-        const QStringList inputs =
-            folder.entryList({u"temp*_input"_s}, QDir::Files | QDir::CaseSensitive, QDir::Unsorted);
-        for (const QString& input : inputs) {
-            const double degrees = readFile(folder.filePath(input)).trimmed().toDouble() / kPerDegree;
-            if (std::isfinite(degrees))
-                hottest = std::max(hottest, degrees);
-        }
-    }
-    return hottest > 0 ? std::optional(hottest) : std::nullopt;
 }
 
 } // namespace tarn

@@ -1,13 +1,10 @@
-// The counters that the kernel keeps in text files. Each parser is a function of the text alone and never
-// fails: what is missing, cut off or no number counts as 0, a text of more than 64 bytes included, and a sum
-// that does not fit stays at the largest number. Counters are never negative, so that two of them can be
-// subtracted.
+// Parsers of the text files in /proc. Each is a function of the text alone and never fails: what is missing,
+// cut off or no number counts as 0, a text of more than 64 bytes included, and a sum that does not fit stays
+// at the largest number. Counters are never negative, so that two of them can be subtracted. HostCounters
+// reads the files.
 #pragma once
 
 #include <QByteArray>
-#include <QString>
-
-#include <optional>
 
 namespace tarn {
 
@@ -15,11 +12,11 @@ namespace tarn {
 struct CpuTimes
 {
     qint64 busy = 0;   ///< neither idle nor waiting for I/O
-    qint64 total = 0;  ///< guests' time, which is part of the user's, is not added again
+    qint64 total = 0;  ///< the first eight columns; guests' time is part of the user's already
     qint64 iowait = 0; ///< idle with I/O under way
 };
 
-/// /proc/stat (proc(5)), of which the first line is read; old kernels have fewer columns:
+/// The first line of /proc/stat (proc(5)); old kernels have fewer columns:
 ///
 ///     cpu  354280 3085 335259 1636640 5336   0   1234    1252  0     0
 ///          user   nice system idle    iowait irq softirq steal guest guest_nice
@@ -32,15 +29,22 @@ struct Traffic
     qint64 out = 0;
 };
 
-/// /proc/net/dev (proc(5)): bytes received and sent over all interfaces except "lo". What passes through a
-/// bridge or a tunnel is counted at each interface that it passes.
+/// /proc/net/dev (proc(5)), all interfaces except "lo". A packet that passes a bridge or a tunnel counts at
+/// each interface on its way:
+///
+///     eth0: 294737562 421053  0    0    0    0     0          0         369895    739     0 ...
+///           bytes in  packets errs drop fifo frame compressed multicast bytes out packets errs ...
 Traffic parseNetDev(const QByteArray& text);
 
-/// /proc/diskstats (the kernel's admin-guide/iostats): bytes read from and written to the disks. Partitions,
-/// and what is made of disks (dm, md, loop), would count them twice and are left out.
+/// /proc/diskstats (the kernel's admin-guide/iostats), as bytes read (in) and written (out). Whole disks
+/// count: sd*, vd*, xvd*, nvme*n* and mmcblk*. Partitions, dm, md and loop would count them twice. A sector
+/// has 512 bytes here, whatever the disk's own size is:
+///
+///     254   0     vda  326168 56475  22344026     337326 328700 1171880 98091160        489294 ...
+///     major minor name reads  merged sectors read ms     writes merged  sectors written ms     ...
 Traffic parseDiskStats(const QByteArray& text);
 
-/// Processes that run or wait to, as means over the last 1, 5 and 15 minutes.
+/// Mean number of processes that run or wait to, over the last 1, 5 and 15 minutes.
 struct LoadAverage
 {
     double one = 0;
@@ -48,17 +52,15 @@ struct LoadAverage
     double fifteen = 0;
 };
 
-/// /proc/loadavg (proc(5)).
+/// /proc/loadavg (proc(5)). What is not finite counts as 0:
+///
+///     0.30 0.23 0.41 1/87        29307
+///     1    5    15   running/all last process id
 LoadAverage parseLoadAverage(const QByteArray& text);
 
-/// The value of @p key ("MemAvailable") in a /proc/meminfo (proc(5)), in kB.
+/// The value of @p key in /proc/meminfo (proc(5)), in kB. Of two lines with one name the first counts:
+///
+///     MemAvailable:   24194228 kB
 qint64 meminfo(const QByteArray& text, const QByteArray& key);
-
-/// The whole file; empty when it cannot be read.
-QByteArray readFile(const QString& path);
-
-/// The hottest of the processors' sensors, in degrees Celsius; nothing without one that reads above zero.
-/// @p root is the folder of the kernel's hwmon devices (hwmon/sysfs-interface).
-std::optional<double> cpuTemperature(const QString& root = QStringLiteral("/sys/class/hwmon"));
 
 } // namespace tarn

@@ -1,6 +1,11 @@
 #include "collect/HostSample.h"
 
+#include <QLatin1StringView>
+#include <QStringList>
+#include <QVariant>
+
 #include <algorithm>
+#include <array>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -17,11 +22,6 @@ double difference(qint64 a, qint64 b)
     return a >= b ? distance(a, b) : -distance(b, a);
 }
 
-QVariant orNull(std::optional<double> value)
-{
-    return value ? QVariant(*value) : QVariant();
-}
-
 /// The rates of one sample, all of them nothing when there is no sample before it.
 struct Rates
 {
@@ -29,7 +29,7 @@ struct Rates
     std::optional<double> netRx, netTx, diskRead, diskWrite, pgXacts, apacheRequests, apacheBytes;
 };
 
-Rates ratesBetween(const Health::Counters& previous, const Health::Counters& current)
+Rates ratesBetween(const HostCounters& previous, const HostCounters& current)
 {
     Rates rates;
     if (!previous.valid || current.atMs <= previous.atMs)
@@ -50,6 +50,56 @@ Rates ratesBetween(const Health::Counters& previous, const Health::Counters& cur
     return rates;
 }
 
+/// What the values of a row are taken from.
+struct Source
+{
+    const HostFigures& host;
+    const HostCounters& counters;
+    const Rates& rates;
+};
+
+QVariant orNull(std::optional<double> value)
+{
+    return value ? QVariant(*value) : QVariant();
+}
+
+QVariant ofApache(const HostCounters& counters, qint32 value)
+{
+    return counters.apache ? QVariant(value) : QVariant();
+}
+
+struct Column
+{
+    QLatin1StringView name;
+    QVariant (*value)(const Source&);
+};
+
+/// The columns of tarn.host_samples but for its time, in the order of the statement.
+constexpr auto kColumns = std::to_array<Column>({
+    {"load1"_L1,            [](const Source& s) { return QVariant(s.host.load.one); }                   },
+    {"load5"_L1,            [](const Source& s) { return QVariant(s.host.load.five); }                  },
+    {"load15"_L1,           [](const Source& s) { return QVariant(s.host.load.fifteen); }               },
+    {"mem_total_kb"_L1,     [](const Source& s) { return QVariant(s.host.memTotalKb); }                 },
+    {"mem_avail_kb"_L1,     [](const Source& s) { return QVariant(s.host.memAvailableKb); }             },
+    {"disk_total_bytes"_L1, [](const Source& s) { return QVariant(s.host.diskTotalBytes); }             },
+    {"disk_avail_bytes"_L1, [](const Source& s) { return QVariant(s.host.diskAvailableBytes); }         },
+    {"cpu_pct"_L1,          [](const Source& s) { return orNull(s.rates.cpuPercent); }                  },
+    {"iowait_pct"_L1,       [](const Source& s) { return orNull(s.rates.iowaitPercent); }               },
+    {"swap_total_kb"_L1,    [](const Source& s) { return QVariant(s.host.swapTotalKb); }                },
+    {"swap_free_kb"_L1,     [](const Source& s) { return QVariant(s.host.swapFreeKb); }                 },
+    {"net_rx_bps"_L1,       [](const Source& s) { return orNull(s.rates.netRx); }                       },
+    {"net_tx_bps"_L1,       [](const Source& s) { return orNull(s.rates.netTx); }                       },
+    {"disk_read_bps"_L1,    [](const Source& s) { return orNull(s.rates.diskRead); }                    },
+    {"disk_write_bps"_L1,   [](const Source& s) { return orNull(s.rates.diskWrite); }                   },
+    {"cpu_temp_c"_L1,       [](const Source& s) { return orNull(s.host.cpuTemperatureC); }              },
+    {"pg_connections"_L1,   [](const Source& s) { return QVariant(s.host.pgConnections); }              },
+    {"pg_tps"_L1,           [](const Source& s) { return orNull(s.rates.pgXacts); }                     },
+    {"apache_rps"_L1,       [](const Source& s) { return orNull(s.rates.apacheRequests); }              },
+    {"apache_bps"_L1,       [](const Source& s) { return orNull(s.rates.apacheBytes); }                 },
+    {"apache_busy"_L1,      [](const Source& s) { return ofApache(s.counters, s.counters.apacheBusy); } },
+    {"apache_slots"_L1,     [](const Source& s) { return ofApache(s.counters, s.counters.apacheSlots); }},
+});
+
 } // namespace
 
 std::optional<double> rate(qint64 current, qint64 previous, double seconds)
@@ -59,43 +109,25 @@ std::optional<double> rate(qint64 current, qint64 previous, double seconds)
     return difference(current, previous) / seconds;
 }
 
-QVariantList sampleValues(const Health::Counters& previous, const Health::Counters& current,
-                          const HostFigures& host)
+QVariantList sampleValues(const HostCounters& previous, const HostCounters& current, const HostFigures& host)
 {
     const Rates rates = ratesBetween(previous, current);
-    return {
-        host.load.one,
-        host.load.five,
-        host.load.fifteen,
-        host.memTotalKb,
-        host.memAvailableKb,
-        host.diskTotalBytes,
-        host.diskAvailableBytes,
-        orNull(rates.cpuPercent),
-        orNull(rates.iowaitPercent),
-        host.swapTotalKb,
-        host.swapFreeKb,
-        orNull(rates.netRx),
-        orNull(rates.netTx),
-        orNull(rates.diskRead),
-        orNull(rates.diskWrite),
-        orNull(host.cpuTemperatureC),
-        host.pgConnections,
-        orNull(rates.pgXacts),
-        orNull(rates.apacheRequests),
-        orNull(rates.apacheBytes),
-        current.apache ? QVariant(current.apacheBusy) : QVariant(),
-        current.apache ? QVariant(current.apacheSlots) : QVariant(),
-    };
+    const Source source{host, current, rates};
+    QVariantList values;
+    for (const Column& column : kColumns)
+        values.append(column.value(source));
+    return values;
 }
 
 QString sampleInsertStatement()
 {
-    return u"INSERT INTO tarn.host_samples (load1, load5, load15, mem_total_kb, mem_avail_kb, "
-           u"disk_total_bytes, disk_avail_bytes, cpu_pct, iowait_pct, swap_total_kb, swap_free_kb, "
-           u"net_rx_bps, net_tx_bps, disk_read_bps, disk_write_bps, cpu_temp_c, pg_connections, pg_tps, "
-           u"apache_rps, apache_bps, apache_busy, apache_slots) "
-           u"VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"_s;
+    QStringList names;
+    QStringList marks;
+    for (const Column& column : kColumns) {
+        names.append(column.name);
+        marks.append(u"?"_s);
+    }
+    return u"INSERT INTO tarn.host_samples (%1) VALUES (%2)"_s.arg(names.join(u", "_s), marks.join(u", "_s));
 }
 
 } // namespace tarn

@@ -1,6 +1,5 @@
 #include "collect/ApachePage.h"
 #include "collect/HealthFixture.h"
-#include "collect/HostFiles.h"
 #include "common/System.h"
 #include "support/FakeHttp.h"
 #include "support/Messages.h"

@@ -1,4 +1,5 @@
 #include "collect/HostSample.h"
+#include "collect/HostTexts.h"
 
 #include <QTest>
 
@@ -6,7 +7,7 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
-using Counters = Health::Counters;
+using Counters = HostCounters;
 
 namespace {
 
@@ -182,6 +183,44 @@ private Q_SLOTS:
         HostFigures host = figures();
         host.cpuTemperatureC.reset();
         QCOMPARE(nulls(row(kBefore, kNow, host)), QStringList{u"cpu_temp_c"_s});
+    }
+
+    /// Two machines as one before and after: every figure of the row comes from their files.
+    void rowOfACapturedMachine()
+    {
+        Counters before = readHostCounters(test::capturedPath(u"proc/container"_s));
+        before.atMs = 50'000;
+        before.valid = true;
+        Counters now = readHostCounters(test::capturedPath(u"proc/old-kernel"_s));
+        now.atMs = 60'000;
+        const HostFigures host = readHostFigures(test::capturedPath(u"proc/old-kernel"_s),
+                                                 test::capturedPath(u"proc/no-sensors"_s));
+        QMap<QString, QString> values = row(before, now, host);
+        QVERIFY(values.take(u"disk_total_bytes"_s).toLongLong() > 0); // this machine's
+        QVERIFY(values.take(u"disk_avail_bytes"_s).toLongLong() > 0);
+        QCOMPARE(values.take(u"cpu_pct"_s).toDouble(), 570 * 100.0 / 30'570);
+        const QMap<QString, QString> expected = {
+            {u"load1"_s,          u"0.2"_s        },
+            {u"load5"_s,          u"0.18"_s       },
+            {u"load15"_s,         u"0.12"_s       },
+            {u"mem_total_kb"_s,   u"2075496"_s    },
+            {u"mem_avail_kb"_s,   u"0"_s          },
+            {u"iowait_pct"_s,     u"0"_s          },
+            {u"swap_total_kb"_s,  u"2097144"_s    },
+            {u"swap_free_kb"_s,   u"2097000"_s    },
+            {u"net_rx_bps"_s,     u"429496615.6"_s},
+            {u"net_tx_bps"_s,     u"321098217.6"_s},
+            {u"disk_read_bps"_s,  u"3276800"_s    },
+            {u"disk_write_bps"_s, u"4915200"_s    },
+            {u"cpu_temp_c"_s,     u"NULL"_s       },
+            {u"pg_connections"_s, u"0"_s          },
+            {u"pg_tps"_s,         u"0"_s          },
+            {u"apache_rps"_s,     u"NULL"_s       },
+            {u"apache_bps"_s,     u"NULL"_s       },
+            {u"apache_busy"_s,    u"NULL"_s       },
+            {u"apache_slots"_s,   u"NULL"_s       },
+        };
+        QCOMPARE(values, expected);
     }
 
     void rate_data()
