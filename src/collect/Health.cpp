@@ -1,13 +1,21 @@
 #include "collect/Health.h"
 
+#include "collect/Alerts.h"
 #include "collect/HostSample.h"
 #include "collect/StatusPage.h"
 #include "common/Db.h"
 #include "common/System.h"
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QScopedValueRollback>
 #include <QSettings>
+#include <QSqlDatabase>
 #include <QSqlQuery>
+
+#include <unistd.h>
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -15,12 +23,15 @@ namespace tarn {
 
 namespace {
 
+/// Samples in a row that open an alert of the host, and close it.
+constexpr int kSamples = 3;
+
 const auto kTransactions = u"SELECT sum(xact_commit + xact_rollback) FROM pg_stat_database"_s;
 const auto kConnections = u"SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend'"_s;
 const auto kPrune = u"DELETE FROM tarn.host_samples WHERE at < now() - interval '30 days'"_s;
 
-/// The first value that @p statement yields; 0 when it yields none or fails, which is not worth a line in
-/// every sample.
+/// The first value that @p statement yields; 0 when it yields none or fails. A failure is not logged, as it
+/// would be in every sample.
 qint64 count(const QString& statement)
 {
     QSqlQuery query;
@@ -42,6 +53,13 @@ void prune()
     query.exec(kPrune);
 }
 
+/// The processors that the load average is over: all that are running, including those that this process may
+/// not use.
+int processors()
+{
+    return static_cast<int>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
+}
+
 } // namespace
 
 Health::Health(const QSettings& settings)
@@ -56,7 +74,6 @@ Health::Health(const QSettings& settings)
     , m_loadPerCpu(settings.value(u"health/load_alert_per_cpu"_s, 2).toDouble())
     , m_tempC(settings.value(u"health/temperature_alert_c"_s, 85).toDouble())
     , m_apacheBusyPct(settings.value(u"health/apache_busy_alert_pct"_s, 90).toDouble())
-    , m_self(std::make_shared<Health*>(this))
 {
 }
 
@@ -78,13 +95,13 @@ Health::Counters Health::read() const
 
 void Health::sample()
 {
-    // The waits for Apache, a webhook and a mail server serve timers, that of this job among them.
+    // The waits for Apache, a webhook and a mail server serve timers, this job's own included.
     if (m_sampling)
         return;
     const QScopedValueRollback<bool> sampling(m_sampling, true);
 
     const Counters current = read();
-    // The wait for Apache is also where the loss of the session is noticed, and the session closed.
+    // A lost session is noticed, and closed, during the wait for Apache.
     db::ensure(false);
     HostFigures host = readHostFigures();
     host.pgConnections = static_cast<int>(count(kConnections));
@@ -92,6 +109,44 @@ void Health::sample()
     m_prev = current;
     prune();
     checkHost(current, host);
+}
+
+void Health::checkHost(const Counters& current, const HostFigures& host)
+{
+    // A server that is away is tried once, not again for each disk and each service.
+    bool isAway = false;
+    const auto checked = [this, &isAway](const Condition& condition) {
+        isAway = isAway || !(db::session().isOpen() || db::ensure(false));
+        if (!isAway)
+            m_alerts.note(condition, kSamples);
+    };
+    checked(memoryCondition(host.memTotalKb, host.memAvailableKb, m_memPct));
+    if (current.apache && current.apacheSlots > 0)
+        checked(apacheCondition(current.apacheBusy, current.apacheSlots, m_apacheBusyPct));
+    checked(loadCondition(host.load.one, processors(), m_loadPerCpu));
+    if (host.cpuTemperatureC)
+        checked(temperatureCondition(*host.cpuTemperatureC, m_tempC));
+    const QJsonArray disks = system::disks();
+    for (const QJsonValueConstRef& disk : disks)
+        checked(diskCondition(disk.toObject(), m_diskPct));
+    const QJsonArray services = system::serviceStatus(m_services);
+    for (const QJsonValueConstRef& service : services)
+        checked(serviceCondition(service.toObject()));
+}
+
+void Health::check(const QString& kind, const QString& subject, bool bad, const QString& text, int n)
+{
+    m_alerts.note({kind, subject, bad, text}, n);
+}
+
+void Health::measureAccounts()
+{
+    m_accounts.measure();
+}
+
+void Health::applyUsage(const QJsonObject& usage)
+{
+    m_accounts.apply(usage);
 }
 
 } // namespace tarn

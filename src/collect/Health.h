@@ -1,10 +1,13 @@
-// Watches the host: samples its load, memory, disks, network, Apache and PostgreSQL into tarn.host_samples,
-// keeps the open alerts in tarn.alerts, and measures what the hosting accounts use. Owned by main; what it
-// remembers (the counters of the sample before, the streaks of the alerts) is in memory only. Main thread
-// only. The waits for Apache, a webhook, a mail server and the agent serve timers, so that other jobs can run
-// inside sample() and applyUsage(); what they run inside of must not end meanwhile.
+// Watches the host: samples its load, memory, disks, network, Apache and PostgreSQL into tarn.host_samples.
+// Its parts keep the alerts of tarn.alerts (HealthAlerts), and measure the hosting accounts (HealthAccounts).
+// Uses the product's database session. Owned by main. The counters of the sample before and the streaks of
+// the alerts are in memory only. Main thread only. The waits for Apache, a webhook, a mail server and the
+// agent serve timers, so that other jobs can run inside sample(), check() and applyUsage(); they must not end
+// this object.
 #pragma once
 
+#include "collect/HealthAccounts.h"
+#include "collect/HealthAlerts.h"
 #include "collect/HostCounters.h"
 #include "common/Notify.h"
 
@@ -12,56 +15,56 @@
 #include <QString>
 #include <QStringList>
 
-#include <memory>
-#include <optional>
-
 class QJsonObject;
 class QSettings;
 
 namespace tarn {
 
-struct Account;
-
 class Health
 {
 public:
+    /// Everything on the host that only counts up, as it stood at one moment.
     using Counters = HostCounters;
 
     /// Reads the settings: `health/...`, `agent/socket`, `hosting/db_limit_read_only` and those of
-    /// notify::load().
+    /// notify::load(). A threshold that is no number counts as 0.
     explicit Health(const QSettings& settings);
     Health(const Health&) = delete;
     Health& operator=(const Health&) = delete;
 
-    /// The counters as they are now. Waits for Apache for some three seconds at most when it says nothing.
+    /// The counters as they are now; what cannot be read is 0, and nothing is logged. Waits for Apache as
+    /// fetchStatusPage() does: 3 seconds of silence, 10 seconds in all.
     Counters read() const;
 
-    /// Stores one sample, removes those older than 30 days, and looks after the alerts of the host. Does
-    /// nothing when it is called from within a sample's own waits.
+    /// Stores one sample, removes those older than 30 days, and then passes each condition of the host to
+    /// check() with an @p n of 3: memory, Apache, load, temperature, disks, services. A statement that fails
+    /// is logged and stops nothing. Does nothing when it is called from within a sample's own waits.
     void sample();
 
-    /// Notes whether the condition @p kind of @p subject is @p bad in this pass. After @p n bad passes in a
-    /// row the alert is opened with @p text, kept up to date with it while it lasts, and closed after @p n
-    /// good ones in a row. Opening and closing are logged and notified, once each.
+    /// Notes whether the condition @p kind ("disk") of @p subject ("/var") is @p bad in this pass. After @p n
+    /// bad passes in a row the alert is opened with @p text. Each further bad pass stores the text anew.
+    /// After
+    /// @p n good passes in a row the alert is closed. Opening and closing are logged and notified, once each;
+    /// an alert that is open since an earlier run is not opened again. A statement that fails is logged and
+    /// not repeated: an opening or closing that fails waits for the next streak. NUL characters are left out
+    /// of what is stored. @p n is at least 1.
     void check(const QString& kind, const QString& subject, bool bad, const QString& text, int n);
 
-    /// Has the agent measure the accounts' disk use on a thread of the global pool, and applies its answer
-    /// when it is there. Returns at once; does nothing while a measurement is under way. Needs the
-    /// application object.
+    /// Asks the agent for the accounts' disk use, on a thread of the global pool and for ten minutes a wait
+    /// at most. Its answer is applied on the main thread, as by applyUsage(); a failure is one warning.
+    /// Returns at once. Does nothing while a measurement is under way. Needs the application object.
     void measureAccounts();
 
-    /// Stores what the accounts use, with the sizes of their databases, looks after their alerts, and has the
-    /// agent make databases read-only or writable again. @p usage holds bytes by user name: {"alice":
-    /// 1048576, ...}; accounts that it does not tell a size of keep the figure that they have. Ends early
-    /// when the session is lost or the process is told to end; does nothing when it is called from within its
-    /// own waits.
+    /// Stores what the accounts use, with the sizes of their databases. Passes their conditions to check()
+    /// with an @p n of 1, and has the agent make databases read-only or writable again. @p usage holds bytes
+    /// by user name: {"alice": 1048576, ...}. An account without a size in it keeps the figure that it has.
+    /// Waits for the agent for 15 seconds a database at most; a switch that fails is one warning, and the
+    /// next measurement tries again. Ends early when the session is lost or the process is told to end. Does
+    /// nothing when it is called from within its own waits.
     void applyUsage(const QJsonObject& usage);
 
 private:
     void checkHost(const Counters& current, const HostFigures& host);
-    void finishMeasurement(const QJsonObject& answer);
-    /// False when there is no sense in going on with further accounts.
-    bool applyTo(const Account& account, std::optional<qint64> diskBytes);
 
     QStringList m_services;
     QString m_agentSocket;
@@ -77,9 +80,10 @@ private:
     Counters m_prev;
     QHash<QString, int> m_streak; ///< by kind/subject; see nextStreak()
 
+    // The parts work on the members above.
+    HealthAlerts m_alerts{m_streak, m_notify};
+    HealthAccounts m_accounts{m_agentSocket, m_enforceDbLimit, m_measuring, m_alerts};
     bool m_sampling = false;
-    bool m_applying = false;
-    std::shared_ptr<Health*> m_self; ///< ends with this object, which an answer of the agent may outlive
 };
 
 } // namespace tarn

@@ -1,5 +1,7 @@
+#include "collect/HealthAccounts.h"
+
 #include "collect/Alerts.h"
-#include "collect/Health.h"
+#include "collect/HealthAlerts.h"
 #include "common/AgentClient.h"
 #include "common/Db.h"
 
@@ -8,6 +10,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <QScopedValueRollback>
+#include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QThreadPool>
 #include <QVariant>
@@ -32,11 +35,12 @@ struct Account
 
 namespace {
 
-/// For each wait: the agent walks every home directory before it answers.
+/// Limit of each wait for a measurement: the agent walks every home directory before it answers.
 constexpr int kUsageMs = 600'000;
+/// Limit of each wait for a switch.
 constexpr int kSwitchMs = 15'000;
 
-/// One measurement is enough: it is a quarter of an hour to the next.
+/// Measurements in a row that open an alert, and close it. They are 15 minutes apart by default.
 constexpr int kMeasurements = 1;
 
 const auto kAccounts =
@@ -54,7 +58,7 @@ const auto kMirrorReadOnly =
     u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ? AND db_readonly <> ?"_s;
 const auto kStoreReadOnly = u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ?"_s;
 
-/// A size in bytes; nothing for what is none: another type, or a number below 0.
+/// A size in bytes; nothing for another type or a number below 0.
 std::optional<qint64> bytesIn(const QJsonValue& value)
 {
     constexpr qint64 most = std::numeric_limits<qint64>::max();
@@ -66,7 +70,7 @@ std::optional<qint64> bytesIn(const QJsonValue& value)
     return value.toInteger(static_cast<qint64>(approximate)); // exact, unless it is a fraction
 }
 
-/// All of them, read out: what is done for each waits on the network.
+/// All accounts, read out before the first is handled: handling one waits on the network.
 QList<Account> readAccounts()
 {
     QList<Account> accounts;
@@ -133,7 +137,7 @@ std::optional<QJsonObject> awaitAgent(const QString& socketPath, const QString& 
         QEventLoop loop;
         std::optional<QJsonObject> answer;
     };
-    // Of this function alone: an answer that comes later finds nobody.
+    // This function is its only owner, so that an answer that comes later is dropped.
     const auto wait = std::make_shared<Wait>();
     const auto task = [application = QCoreApplication::instance(), socketPath, method, args, timeoutMs,
                        asker = std::weak_ptr(wait)] {
@@ -169,7 +173,7 @@ bool switchDatabase(const QString& agentSocket, const QString& user, bool readOn
                  qPrintable(answer->value(u"error"_s).toString()));
         return true;
     }
-    // The session can have been lost meanwhile.
+    // The session can have been lost during the wait.
     if (db::ensure(false))
         storeReadOnly(user, readOnly);
     qInfo("collect: database %s is now %s", qPrintable(user),
@@ -179,42 +183,52 @@ bool switchDatabase(const QString& agentSocket, const QString& user, bool readOn
 
 } // namespace
 
-void Health::measureAccounts()
+HealthAccounts::HealthAccounts(const QString& agentSocket, const bool& enforceDbLimit, bool& isMeasuring,
+                               HealthAlerts& alerts)
+    : m_agentSocket(agentSocket)
+    , m_enforceDbLimit(enforceDbLimit)
+    , m_isMeasuring(isMeasuring)
+    , m_alerts(alerts)
+    , m_self(std::make_shared<HealthAccounts*>(this))
 {
-    if (m_measuring)
+}
+
+void HealthAccounts::measure()
+{
+    if (m_isMeasuring)
         return;
-    m_measuring = true;
-    // Asked for here: while the application object ends, which waits for this task, it cannot be asked for
-    // any more.
+    m_isMeasuring = true;
+    // Looked up here: the application object waits for this task while it ends, and instance() finds it no
+    // more by then.
     QCoreApplication* application = QCoreApplication::instance();
     const auto task = [application, socket = m_agentSocket, self = std::weak_ptr(m_self)] {
         const QJsonObject answer = callAgent(socket, u"hosting.usage"_s, {}, kUsageMs);
         const auto finish = [self, answer] {
-            if (const std::shared_ptr<Health*> health = self.lock())
-                (*health)->finishMeasurement(answer);
+            if (const std::shared_ptr<HealthAccounts*> accounts = self.lock())
+                (*accounts)->finishMeasurement(answer);
         };
         QMetaObject::invokeMethod(application, finish, Qt::QueuedConnection);
     };
     QThreadPool::globalInstance()->start(task);
 }
 
-void Health::finishMeasurement(const QJsonObject& answer)
+void HealthAccounts::finishMeasurement(const QJsonObject& answer)
 {
     if (!answer.value(u"ok"_s).toBool()) {
         qWarning("collect: account disk use: %s", qPrintable(answer.value(u"error"_s).toString()));
     } else if (db::ensure(false)) { // the answer can come just after the session was lost
-        applyUsage(answer.value(u"usage"_s).toObject());
+        apply(answer.value(u"usage"_s).toObject());
     }
-    // Not before: a webhook's wait serves timers, and the next measurement must not be applied inside this
+    // Cleared last: a webhook's wait serves timers, and the next measurement must not be applied inside this
     // one.
-    m_measuring = false;
+    m_isMeasuring = false;
 }
 
-void Health::applyUsage(const QJsonObject& usage)
+void HealthAccounts::apply(const QJsonObject& usage)
 {
-    if (m_applying)
+    if (m_isApplying)
         return;
-    const QScopedValueRollback<bool> applying(m_applying, true);
+    const QScopedValueRollback<bool> applying(m_isApplying, true);
 
     const QList<Account> accounts = readAccounts();
     for (const Account& account : accounts) {
@@ -223,26 +237,25 @@ void Health::applyUsage(const QJsonObject& usage)
     }
 }
 
-bool Health::applyTo(const Account& account, std::optional<qint64> diskBytes)
+bool HealthAccounts::applyTo(const Account& account, std::optional<qint64> diskBytes)
 {
-    const auto checked = [this](const Condition& condition) {
-        check(condition.kind, condition.subject, condition.bad, condition.text, kMeasurements);
-    };
-    // What is lost fails once for each account; the next measurement does what is left.
+    // A lost session would fail once for each account. The next measurement handles the remaining ones.
     const auto isLost = [] { return !db::session().isOpen(); };
     storeUsage(account, diskBytes);
     if (isLost())
         return false;
-    if (diskBytes)
-        checked(quotaCondition(account.user, account.domain, *diskBytes, account.diskLimitMb));
+    if (diskBytes) {
+        m_alerts.note(quotaCondition(account.user, account.domain, *diskBytes, account.diskLimitMb),
+                      kMeasurements);
+    }
     const Condition database = databaseQuotaCondition(
         account.user, account.domain, account.databaseBytes.value_or(0), account.databaseLimitMb);
-    checked(database);
-    // The waits for a webhook and a mail server.
+    m_alerts.note(database, kMeasurements);
+    // The session can have been lost while a webhook or a mail server was waited for.
     if (isLost() && !db::ensure(false))
         return false;
-    // Also where nothing is to be switched: an agent that switches and is not heard to say so, or a
-    // collector that ends in between, has left the table behind.
+    // Also where nothing is to be switched: the table is behind after a switch whose answer was lost, and
+    // after a collector that ended before it stored the switch.
     mirrorReadOnly(account.user, account.isReadOnly);
     if (isLost())
         return false;

@@ -1,18 +1,13 @@
+#include "collect/HealthAlerts.h"
+
 #include "collect/Alerts.h"
-#include "collect/Health.h"
-#include "collect/HostSample.h"
 #include "common/Db.h"
-#include "common/System.h"
+#include "common/Notify.h"
 
 #include <QJsonArray>
-#include <QJsonObject>
-#include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QVariant>
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <optional>
 
 using namespace Qt::Literals::StringLiterals;
@@ -20,9 +15,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace tarn {
 
 namespace {
-
-/// Samples in a row that open an alert of the host, and close it.
-constexpr int kSamples = 3;
 
 const auto kOpen =
     u"INSERT INTO tarn.alerts (kind, subject, message) VALUES (?, ?, ?) ON CONFLICT DO NOTHING"_s;
@@ -32,8 +24,8 @@ const auto kClose =
 const auto kRefresh =
     u"UPDATE tarn.alerts SET message = ? WHERE kind = ? AND subject = ? AND closed_at IS NULL"_s;
 
-// Each of these ends its query before it returns: delivering a message can take long enough for the session
-// to be lost and opened anew, and a prepared query must not live on into the new one.
+// Each of these ends its query before it returns. The session can be lost and opened anew while a message is
+// delivered, and a prepared query must not live on into the new session.
 
 /// True when the alert was not open already.
 bool openAlert(const QString& kind, const QString& subject, const QString& text)
@@ -74,70 +66,47 @@ void refreshAlert(const QString& kind, const QString& subject, const QString& te
     db::exec(query);
 }
 
-/// The processors that the load average is over: all that are running, whatever part of them this process may
-/// use.
-int processors()
-{
-    return static_cast<int>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
-}
-
 } // namespace
 
-void Health::check(const QString& kind, const QString& subject, bool bad, const QString& text, int n)
+HealthAlerts::HealthAlerts(QHash<QString, int>& streaks, const notify::Config& config)
+    : m_streaks(streaks)
+    , m_config(config)
 {
-    const QString key = kind + u'/' + subject;
-    const Streak streak = nextStreak(m_streak.value(key), bad, n);
-    m_streak.insert(key, streak.length);
+}
+
+void HealthAlerts::note(const Condition& condition, int n)
+{
+    const QString key = condition.kind + u'/' + condition.subject;
+    const Streak streak = nextStreak(m_streaks.value(key), condition.bad, n);
+    m_streaks.insert(key, streak.length);
     if (streak.action == AlertAction::None)
         return;
 
-    // An alert is opened once: a session that was lost while an earlier one was delivered must not cost it.
+    // The session can have been lost while an earlier alert was delivered. This one is opened or closed in
+    // this pass only.
     db::ensure(false);
-    const QString storedKind = db::storable(kind);
-    const QString storedSubject = db::storable(subject);
-    const QString storedText = db::storable(text);
+    const QString kind = db::storable(condition.kind);
+    const QString subject = db::storable(condition.subject);
+    const QString text = db::storable(condition.text);
     switch (streak.action) {
     case AlertAction::Open:
-        if (openAlert(storedKind, storedSubject, storedText)) {
-            qWarning("alert: %s", qPrintable(storedText));
-            notify::send(m_notify, {storedKind, storedSubject, storedText, false, 0});
+        if (openAlert(kind, subject, text)) {
+            qWarning("alert: %s", qPrintable(text));
+            notify::send(m_config, {kind, subject, text, false, 0});
         }
         break;
     case AlertAction::Refresh:
-        refreshAlert(storedKind, storedSubject, storedText);
+        refreshAlert(kind, subject, text);
         break;
     case AlertAction::Close:
-        if (const std::optional<ClosedAlert> closed = closeAlert(storedKind, storedSubject)) {
+        if (const std::optional<ClosedAlert> closed = closeAlert(kind, subject)) {
             qInfo("alert cleared: %s", qPrintable(closed->text));
-            notify::send(m_notify, {storedKind, storedSubject, closed->text, true, closed->openSeconds});
+            notify::send(m_config, {kind, subject, closed->text, true, closed->openSeconds});
         }
         break;
     case AlertAction::None:
         break;
     }
-}
-
-void Health::checkHost(const Counters& current, const HostFigures& host)
-{
-    // A server that is away is tried once, not again for each disk and each service.
-    bool isAway = false;
-    const auto checked = [this, &isAway](const Condition& condition) {
-        isAway = isAway || !(db::session().isOpen() || db::ensure(false));
-        if (!isAway)
-            check(condition.kind, condition.subject, condition.bad, condition.text, kSamples);
-    };
-    checked(memoryCondition(host.memTotalKb, host.memAvailableKb, m_memPct));
-    if (current.apache && current.apacheSlots > 0)
-        checked(apacheCondition(current.apacheBusy, current.apacheSlots, m_apacheBusyPct));
-    checked(loadCondition(host.load.one, processors(), m_loadPerCpu));
-    if (host.cpuTemperatureC)
-        checked(temperatureCondition(*host.cpuTemperatureC, m_tempC));
-    const QJsonArray disks = system::disks();
-    for (const QJsonValueConstRef& disk : disks)
-        checked(diskCondition(disk.toObject(), m_diskPct));
-    const QJsonArray services = system::serviceStatus(m_services);
-    for (const QJsonValueConstRef& service : services)
-        checked(serviceCondition(service.toObject()));
 }
 
 } // namespace tarn

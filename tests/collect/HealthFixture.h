@@ -89,4 +89,16 @@ private:
     int m_files = 0;
 };
 
+/// The log line of an alert that opens with @p text is to come.
+inline void expectAlert(const QString& text)
+{
+    QTest::ignoreMessage(QtWarningMsg, qPrintable(QStringLiteral("alert: ") + text));
+}
+
+/// The log line of an alert that ends with @p text is to come.
+inline void expectCleared(const QString& text)
+{
+    QTest::ignoreMessage(QtInfoMsg, qPrintable(QStringLiteral("alert cleared: ") + text));
+}
+
 } // namespace tarn::test

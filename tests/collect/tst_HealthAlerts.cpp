@@ -10,6 +10,8 @@
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
+using test::expectAlert;
+using test::expectCleared;
 using test::FakeHttp;
 using test::HealthFixture;
 
@@ -23,15 +25,6 @@ private:
     {
         for (const QChar c : passes)
             health.check(u"disk"_s, u"/var"_s, c == u'b', text, 3);
-    }
-
-    static void expectAlert(const QString& text)
-    {
-        QTest::ignoreMessage(QtWarningMsg, qPrintable(u"alert: "_s + text));
-    }
-    static void expectCleared(const QString& text)
-    {
-        QTest::ignoreMessage(QtInfoMsg, qPrintable(u"alert cleared: "_s + text));
     }
 
     /// What has been said since the last time, "status kind subject title" each.
