@@ -19,8 +19,8 @@ QString rounded(double value)
     return QString::number(std::round(value) + 0.0, 'f', 0); // + 0.0 makes -0 a plain 0
 }
 
-/// In floating point, where no figure that a file may hold overflows. Times 100 before the division: nine
-/// tenths are then 90 to the last bit.
+/// Computed in floating point, where figures of up to 2^63 do not overflow. The factor 100 comes before the
+/// division, so that nine tenths are exactly 90.
 double usedPercent(qint64 total, qint64 available)
 {
     const auto all = static_cast<double>(total);
@@ -36,7 +36,7 @@ bool isOverLimit(double usedMb, qint64 limitMb)
 
 Streak nextStreak(int length, bool bad, int n)
 {
-    // A collector may run for years: a streak stops at the ends of its range.
+    // A collector may run for years: a streak stays at the ends of its range.
     constexpr int longest = std::numeric_limits<int>::max();
     if (bad) {
         const int next = length <= 0 ? 1 : length + (length < longest ? 1 : 0);

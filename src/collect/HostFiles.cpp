@@ -17,7 +17,7 @@ namespace tarn {
 
 namespace {
 
-/// Sectors of /proc/diskstats have this size whatever the disk's own.
+/// The size of a sector in /proc/diskstats, whatever the disk's own is.
 constexpr qint64 kSectorBytes = 512;
 
 /// Names of devices are shorter; see IFNAMSIZ and DISK_NAME_LEN in the kernel.
@@ -82,7 +82,7 @@ CpuTimes parseStat(const QByteArray& text)
     for (std::size_t i = 1; i <= kLast; ++i)
         times.total = saturatingSum(times.total, counter(columns[i]));
     times.iowait = counter(columns[kIowait]);
-    // Only where the sum did not fit can the two be more than it.
+    // The two exceed the total only where the sum did not fit.
     times.busy = std::max(times.total - counter(columns[kIdle]) - times.iowait, qint64(0));
     return times;
 }
@@ -93,7 +93,7 @@ Traffic parseNetDev(const QByteArray& text)
     constexpr std::size_t kSent = 8;
     Traffic traffic;
     for (QByteArrayView rest(text); !rest.isEmpty();) {
-        // The two lines of headings have no colon. A long number leaves no blank behind it.
+        // The two lines of headings have no colon. A long number follows its colon without a blank.
         const std::optional<NameAndValue> interface = splitAtColon(takeLine(rest));
         if (!interface || interface->name == "lo")
             continue;

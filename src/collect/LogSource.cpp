@@ -28,8 +28,8 @@ LogFile asLogFile(const struct stat& status)
     return {.inode = status.st_ino, .device = status.st_dev, .size = status.st_size};
 }
 
-/// At most @p bytes of the log from @p offset on; nothing when it cannot be read, and none when it has been
-/// rotated or cut since it was looked at, which is the next pass's.
+/// At most @p bytes of the log from @p offset on. Nothing when it cannot be read. No bytes when it has been
+/// rotated or cut since @p file was looked at: the next pass handles that.
 std::optional<QByteArray> readBytes(const QString& path, const LogFile& file, qint64 offset, qint64 bytes)
 {
     QFile log(path);

@@ -1,4 +1,4 @@
-// The access logs that are followed: the row of each, the place in it, and the slice that comes next. All
+// The access logs that are followed: the row of each, the place in it, and the slice that comes next. State
 // that must outlive a pass is in tarn.log_sources. Main thread only.
 #pragma once
 
@@ -15,8 +15,8 @@ namespace analytics {
 class Ingest;
 }
 
-/// How much of one log is read in one pass; it bounds how long a backlog can hold up the other jobs. A line
-/// of more than that is never read.
+/// Bytes of one log that one pass reads at most. The limit bounds how long a backlog holds up the other jobs.
+/// A longer line is never read.
 constexpr qint64 kSliceBytes = 8'388'608;
 
 /// One row of tarn.log_sources, with the host of its site.
@@ -51,44 +51,45 @@ struct LogSlice
     QByteArray data;
 };
 
-/// Every row; none, and a line in the log, when they cannot be had.
+/// Every row of tarn.log_sources; none when the query fails (logged).
 QList<LogSource> logSources();
 
-/// Nothing when there is no such file, or a folder above it may not be searched.
+/// What stands at @p path. Nothing when there is no such file, or a folder above it may not be searched.
 std::optional<LogFile> logFile(const QString& path);
 
 /// True when the stored place is in another file than @p file, or behind its end: the log has been rotated or
 /// cut. A source that was never read has no place that could be void.
 bool isPlaceVoid(const LogSource& source, const LogFile& file);
 
-/// Where to go on reading; at the start where there is no place, or a void one.
+/// The byte of @p file at which reading goes on; 0 where there is no place, or a void one.
 qint64 startOffset(const LogSource& source, const LogFile& file);
 
-/// The slice of the log at @p path from @p offset on, up to its last line feed. @p file is what was there
-/// when it was looked at.
+/// At most kSliceBytes of the log at @p path from @p offset on, up to the last line feed. @p file is what
+/// logFile() has said of it.
 LogSlice readSlice(const QString& path, const LogFile& file, qint64 offset);
 
 /// The lines in @p data that are not empty, without their line feeds. They share its bytes, and must not
 /// outlive it.
 QList<QByteArray> linesOf(const QByteArray& data);
 
-/// Stores the place in a log. False when that fails (logged).
+/// Stores the place in a log: the next byte to be read, @p offset, of the file @p inode. False when that
+/// fails (logged).
 bool storePlace(const LogSource& source, quint64 inode, qint64 offset);
 
-/// The sources that stand still before a line of more than a slice, so that it is said once for a file and
-/// not read again in each pass. In memory only; a record of some 1 kB for each such source.
+/// Remembers the sources that stop at a line longer than a slice. Such a line is logged once for a file, and
+/// is not read again in each pass. In memory only; some 1 kB for each such source.
 class LongLines
 {
 public:
-    /// How much of the line tells whether it still stands there.
+    /// Bytes at the beginning of a line by which it is recognised.
     static constexpr qint64 kHeadBytes = 1'024;
 
     /// True when the line that begins at @p offset of @p file is the one that was noted last: the file has
     /// not become shorter, and the beginning of the line is the same.
     bool isKnown(const LogSource& source, const LogFile& file, qint64 offset);
 
-    /// Notes that @p slice, which begins at @p offset, has no line feed. True when that is to be said:
-    /// nothing was noted of this file before.
+    /// Notes that @p slice, which begins at @p offset, has no line feed. True when the caller should log
+    /// that: nothing was noted of this file before.
     bool note(const LogSource& source, const LogFile& file, qint64 offset, const QByteArray& slice);
 
     /// Forgets every source that is not among @p sources.
@@ -104,9 +105,10 @@ private:
     QHash<int, Record> m_records; ///< by the source's id
 };
 
-/// Feeds the next slice of @p source, if there is any, to @p ingest. The place is stored after the lines are,
-/// so that a crash in between reads them again rather than losing them; a void one is stored as the start of
-/// the new file before that, since the file could grow past it until the next pass.
+/// Feeds the next slice of @p source, if there is any, to @p ingest. The place is stored after the lines are:
+/// after a crash in between they are read again, not lost. A void place is stored as the start of the new
+/// file before anything is read: that file could grow past the old place until the next pass. Files that
+/// cannot be read, overlong lines and lines that are no log entries are logged.
 void followLog(analytics::Ingest& ingest, LongLines& longLines, const LogSource& source);
 
 } // namespace tarn

@@ -14,7 +14,7 @@ namespace {
 
 constexpr auto kPause = std::chrono::seconds(2);
 
-/// QThread::loopLevel() in what the application's own exec() calls; it is more in every local event loop.
+/// QThread::loopLevel() inside the application's own exec(). Every local event loop adds 1.
 constexpr int kOuterLoop = 1;
 
 } // namespace
@@ -24,8 +24,8 @@ LongJobs::LongJobs(QList<Entry> table, std::function<bool()> isReady)
     , m_isReady(std::move(isReady))
 {
     m_pause.setSingleShot(true);
-    // Between two passes of a loop no handler is held up by what is started there. A timer would be: with a
-    // job that waits nearly all of the time, it would fire inside those waits and never see the outer loop.
+    // A job that starts between two passes of the loop holds up no handler. A timer would not do: beside a
+    // job that waits nearly all of the time, it would fire inside those waits and never in the outer loop.
     QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
                      [this] { startNext(); });
 }

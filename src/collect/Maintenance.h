@@ -23,20 +23,20 @@ private:
     QDate m_last;
 };
 
-/// The days that a pass on @p today rolls up: today, and if the daily work is due, yesterday for the hits of
-/// its last minutes.
+/// The days that a pass on @p today rolls up: today and, if the daily work is due, yesterday, whose last hits
+/// came after its last pass.
 QSet<QDate> daysToRollUp(QDate today, bool isDailyDue);
 
 /// Rolls @p days up for every site. False when the session was lost before the last one; the rest is then
 /// left to the next pass.
 bool rollUpSites(const QSet<QDate>& days);
 
-/// Deletes hits past the retention that the suite has set (`raw_hit_days` of tarn.settings); without one they
-/// are kept for ever.
+/// Deletes hits older than `raw_hit_days` of tarn.settings, and logs how many. They are kept for ever when
+/// the setting is missing, is 0 or is negative.
 void removeOldHits();
 
-/// Loads the countries if they are not this month's, and says so when @p ingest does not use them yet. Waits
-/// for DB-IP, for six hours at most.
+/// Loads the country table if it is not this month's, and logs the result. Logs as well when @p ingest gives
+/// hits no countries before a restart. Waits for DB-IP, for six hours at most.
 void updateCountries(const analytics::Ingest& ingest);
 
 } // namespace tarn

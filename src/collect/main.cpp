@@ -43,7 +43,7 @@ void followLogs(Ingest& ingest, LongLines& longLines)
     if (!sources.isEmpty())
         longLines.keepOnly(sources);
     for (const LogSource& source : sources) {
-        // A server lost half-way keeps nothing of what the remaining logs hold: the next pass reads them.
+        // A lost server can store nothing of the remaining logs. The next pass reads them.
         if (!db::session().isOpen())
             return;
         followLog(ingest, longLines, source);
@@ -64,7 +64,7 @@ void maintain(DailyMark& mark, LongJobs& longJobs)
     longJobs.request(LongJob::UpdateCountries);
 }
 
-/// Brings the search figures up to date, if the settings file has what Google wants to know.
+/// Brings the search figures up to date, if the settings file configures Google.
 void syncSearch(const analytics::google::Client& google)
 {
     if (!google.configured())
@@ -73,9 +73,8 @@ void syncSearch(const analytics::google::Client& google)
     qInfo("collect: google: %s", qPrintable(result));
 }
 
-/// Subscribes to the channels by which the suite's other programs ask for something, unless that is done: a
-/// session that is lost just before it cannot subscribe, and what was never subscribed no reconnect brings
-/// back.
+/// Subscribes to the channels on which the suite's other programs send requests, unless that is done. A
+/// session that is lost just before cannot subscribe, and a reconnect restores only what was subscribed.
 void listen()
 {
     QSqlDriver* driver = db::session().driver();
@@ -86,7 +85,7 @@ void listen()
     }
 }
 
-/// What another program of the suite asks for, instead of waiting for the timer.
+/// Does what another program of the suite asks for on @p channel, without waiting for the timer.
 void handleNotification(const QString& channel, LongJobs& longJobs, Health& health)
 {
     if (channel == "tarn_sync"_L1) {
@@ -96,15 +95,15 @@ void handleNotification(const QString& channel, LongJobs& longJobs, Health& heal
     }
 }
 
-/// An interval setting as a timer takes it, which counts milliseconds in an int.
+/// An interval setting, cut to the 2^31 - 1 milliseconds that a timer can take.
 milliseconds interval(seconds wanted)
 {
     constexpr milliseconds longest(std::numeric_limits<int>::max());
     return std::min(milliseconds(wanted), longest);
 }
 
-/// Has @p timer run @p job for as long as the process lives, except while the database cannot be reached, and
-/// runs it once right now.
+/// Runs @p job now, and has @p timer run it as long as the process lives. The timer's runs are left out while
+/// the database cannot be reached.
 void start(QTimer& timer, milliseconds period, const std::function<void()>& job)
 {
     QObject::connect(&timer, &QTimer::timeout, &timer, [job] {
@@ -131,7 +130,7 @@ int run(const QSettings& settings)
     Health health(settings);
     start(healthTimer, interval(healthInterval), [&] { health.sample(); });
 
-    // That sample's wait for Apache is long enough for a restart of the server.
+    // The database server can have restarted during that sample's wait for Apache.
     db::ensure(false);
     Ingest ingest;
     if (!ingest.init()) {
