@@ -27,6 +27,13 @@ char32_t visible(char32_t c)
     }
 }
 
+bool isMark(char32_t c)
+{
+    const QChar::Category category = QChar::category(c);
+    return category == QChar::Mark_NonSpacing || category == QChar::Mark_Enclosing
+           || category == QChar::Mark_SpacingCombining;
+}
+
 void appendCharacter(QByteArray& out, char32_t c)
 {
     switch (c) {
@@ -61,14 +68,16 @@ QByteArray escaped(QStringView text)
 {
     QByteArray out;
     out.reserve(text.size() + text.size() / 8);
+    int marks = 0;
     for (qsizetype i = 0; i < text.size(); ++i) {
-        const QChar c = text.at(i);
-        if (c.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
-            appendCharacter(out, visible(QChar::surrogateToUcs4(c, text.at(i + 1))));
+        char32_t c = text.at(i).unicode();
+        if (text.at(i).isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
+            c = QChar::surrogateToUcs4(text.at(i), text.at(i + 1));
             ++i;
-        } else {
-            appendCharacter(out, visible(c.unicode()));
         }
+        marks = isMark(c) ? marks + 1 : 0;
+        if (marks <= kMarksInARow)
+            appendCharacter(out, visible(c));
     }
     return out;
 }

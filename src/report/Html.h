@@ -44,6 +44,10 @@ inline constexpr qsizetype kShownCharacters = 80;
 /// Characters of it that the title holds.
 inline constexpr qsizetype kTitleCharacters = 400;
 
+/// Combining marks on one letter; more are left out. No language needs more, a tower of them covers the lines
+/// around it, and no browser breaks a line inside it.
+inline constexpr int kMarksInARow = 6;
+
 /// @p text as the content of an element or of a quoted attribute, in UTF-8. Control characters, those that
 /// turn the direction of the text around them, other invisible formatting and unpaired surrogates become
 /// U+FFFD; line feeds and tabs stay, as do the joiners that scripts and emoji need.

@@ -20,7 +20,7 @@ constexpr int kPlotHeight = 120;
 constexpr int kChartHeight = kMarginTop + kPlotHeight + 22;
 
 /// A bar narrower than this could not be seen; per cent.
-constexpr double kNarrowestSpan = 0.3;
+constexpr double kNarrowestSpan = 0.6;
 
 /// A coordinate with one decimal, without it where that is 0.
 QString coordinate(double value)
@@ -176,7 +176,8 @@ void drawCurves(Html& html, const LineChart& chart)
     drawTitles(html, chart.titles);
 }
 
-void drawTicks(Html& html, const QList<Tick>& ticks)
+/// Labels with their feet @p y pixels below the upper edge.
+void drawTicks(Html& html, const QList<Tick>& ticks, int y)
 {
     constexpr double nearEdge = 0.06;
     for (const Tick& tick : ticks) {
@@ -187,9 +188,9 @@ void drawTicks(Html& html, const QList<Tick>& ticks)
             side = u"e"_s;
         html.leaf("text", tick.label,
                   {
-                      {"class", side                             },
-                      {"x",     percentage(tick.at)              },
-                      {"y",     QString::number(kChartHeight - 4)}
+                      {"class", side               },
+                      {"x",     percentage(tick.at)},
+                      {"y",     QString::number(y) }
         });
     }
 }
@@ -250,7 +251,19 @@ void lineChart(Html& html, const LineChart& chart)
                                                  {"aria-label", chart.description            }
     });
     drawCurves(html, chart);
-    drawTicks(html, chart.ticks);
+    drawTicks(html, chart.ticks, kChartHeight - 4);
+}
+
+void timeAxis(Html& html, const QList<Tick>& ticks)
+{
+    constexpr int height = 18;
+    const auto picture = html.element(
+        "svg", {
+                   {"width",       u"100%"_s              },
+                   {"height",      QString::number(height)},
+                   {"aria-hidden", u"true"_s              }
+    });
+    drawTicks(html, ticks, height - 4);
 }
 
 void sparkline(Html& html, const QList<double>& values, const QString& description)

@@ -63,6 +63,9 @@ double roundTopBinary(double greatest);
 
 void lineChart(Html& html, const LineChart& chart);
 
+/// The labels of a time axis alone, for what stands above it.
+void timeAxis(Html& html, const QList<Tick>& ticks);
+
 /// A curve of the size of a word, without axes; @p description as above.
 void sparkline(Html& html, const QList<double>& values, const QString& description);
 

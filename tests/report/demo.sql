@@ -24,7 +24,8 @@ SELECT n, format('kunde-%s.example', n - 10), now() - interval '200 days' FROM g
 
 INSERT INTO tarn.site_days (site_id, day, hits, page_views, visitors, sessions, bounces, bot_hits, bytes, errors_4xx,
                             errors_5xx, engaged_seconds, raw_hits, response_us_median, response_us_p95, zone)
-SELECT s, d, views * 3 + bots, views, round(views * 0.38), round(views * 0.43), round(views * 0.2), bots,
+SELECT s, d, views * 3 + bots, views, round(views * 0.38), round(views * 0.43),
+       round(views * (0.17 + 0.06 * pg_temp.noise('bounces' || s || d))), bots,
        (views * 3 + bots) * 21000, round(views * 0.06), round(views * 0.002 * pg_temp.noise('5xx' || s || d)),
        round(views * (31 + 9 * pg_temp.noise('engaged' || s || d))), views * 3 + bots,
        round(38000 + 9000 * pg_temp.noise('median' || s || d)), round(210000 + 90000 * pg_temp.noise('p95' || s || d)),

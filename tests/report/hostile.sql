@@ -44,7 +44,7 @@ SELECT 99, 'google', current_date, value, value, 3, 9, 'NaN' FROM hostile;
 
 INSERT INTO tarn.alerts (kind, subject, message, opened_at) SELECT value, value, value, now() FROM hostile;
 INSERT INTO tarn.accounts (username, domain, disk_limit_mb, disk_used_bytes)
-SELECT value, value, 1, 9223372036854775807 FROM hostile;
+SELECT n || left(value, 12), value, 1, 9223372036854775807 FROM hostile;
 INSERT INTO tarn.log_sources (site_id, path, inode, updated_at)
 SELECT 99, '/nowhere/' || replace(value, ' ', ''), 1, now() - interval '1 day' FROM hostile WHERE n NOT IN (11, 12);
 INSERT INTO tarn.engine_accounts (engine, last_result, last_sync_at) SELECT 'google', value, now() FROM hostile WHERE n = 1

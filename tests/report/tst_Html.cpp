@@ -16,6 +16,7 @@ private Q_SLOTS:
     void attributesCannotBeLeft();
     void longTextsAreCut();
     void nothingIsCutInTwo();
+    void towersOfMarksAreCut();
 };
 
 void tst_Html::escapes_data()
@@ -100,6 +101,13 @@ void tst_Html::nothingIsCutInTwo()
     QCOMPARE(shortened(u"ab😀"_s, 3), u"ab…"_s);
     QCOMPARE(shortened(u"ab😀"_s, 4), u"ab😀"_s);
     QCOMPARE(shortened(u"ab😀c"_s, 4), u"ab😀…"_s);
+}
+
+void tst_Html::towersOfMarksAreCut()
+{
+    const QString most = u'a' + QString(kMarksInARow, QChar(0x0339));
+    QCOMPARE(escaped(most + u'b'), (most + u'b').toUtf8());
+    QCOMPARE(escaped(most + QChar(0x0335) + u'b' + QChar(0x0335)), (most + u'b' + QChar(0x0335)).toUtf8());
 }
 
 QTEST_GUILESS_MAIN(tst_Html)
