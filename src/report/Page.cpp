@@ -128,7 +128,8 @@ void rankingHead(Html& html, const RankingTable& table)
     for (const Column& column : table.columns)
         html.leaf("th", column.name,
                   {
-                      {"scope", u"col"_s}
+                      {"class", classOf(column)},
+                      {"scope", u"col"_s       }
         });
 }
 
