@@ -395,11 +395,23 @@ void searchTerms(Html& html, const SiteFigures& figures)
                       {"class", u"l bars"_s},
                       {"scope", u"col"_s   }
         });
-        for (const QString& name : {u"Views"_s, u"Clicks"_s, u"Shown"_s, u"Position"_s})
-            html.leaf("th", name,
-                      {
-                          {"scope", u"col"_s}
-            });
+        html.leaf("th", u"Views",
+                  {
+                      {"scope", u"col"_s}
+        });
+        html.leaf("th", u"Clicks",
+                  {
+                      {"scope", u"col"_s}
+        });
+        html.leaf("th", u"Shown",
+                  {
+                      {"class", u"wide"_s},
+                      {"scope", u"col"_s }
+        });
+        html.leaf("th", u"Position",
+                  {
+                      {"scope", u"col"_s}
+        });
     }
     const auto body = html.element("tbody");
     const qint64 most = std::max<qint64>(figures.searchTerms.first().clicks, 1);
