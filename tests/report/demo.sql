@@ -1,4 +1,5 @@
--- A host as it could be, for tests and pictures of the report: ten sites with a daily and weekly rhythm over 120 days,
+-- A host as it could be, for tests and pictures of the report: ten sites with a daily and weekly rhythm over 120 days, four
+-- of them with their values over 60,
 -- 34 small ones, 30 days of samples with a busy afternoon, a full disk and two restarts, a year of daily figures,
 -- accounts on their way to their limits. The same on every run but for the days, which end today.
 
@@ -102,7 +103,7 @@ CROSS JOIN LATERAL (
                  * CASE WHEN s.dimension = 'hour' AND extract(isodow FROM d.day) > 5 AND s.value < '10' THEN 0.35
                         ELSE 1 END)::bigint AS hits
 ) v
-WHERE v.hits > 0 AND d.site_id <= 10
+WHERE v.hits > 0 AND d.site_id <= 4 AND d.day > current_date - 60
   AND (s.dimension <> 'hour' OR d.day < current_date OR s.value::integer <= extract(hour FROM now()));
 
 -- Eight visitors of the last five minutes on the first site, and a bot.
