@@ -1,13 +1,13 @@
 # What `cmake --install` puts where. Nothing goes to /etc: the settings that an administrator has edited there are his.
 
-install(TARGETS tarn-collect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS tarn-collect tarn-report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/tarn-collect.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 # The example names no secrets. The copy in /etc will, and gets other permissions there.
 install(FILES packaging/tarnhold.ini DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect)
 install(FILES schema/tarn.sql schema/functions.sql schema/grants.sql schema/README.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema)
 install(FILES schema/upgrades/0001-figures.sql DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema/upgrades)
-install(FILES README.md CHANGELOG.md SECURITY.md LICENSE docs/operations.md docs/privacy.md docs/queries.md
+install(FILES README.md CHANGELOG.md SECURITY.md LICENSE docs/operations.md docs/privacy.md docs/queries.md docs/report.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The unit starts the program from where it is installed to, which `cmake --install --prefix` decides last. systemd reads
