@@ -106,7 +106,8 @@ void tst_HostData::samplesOverTime()
 
 void tst_HostData::samplesOfThePeriodOnly()
 {
-    run(u"INSERT INTO tarn.host_samples (at, load1) VALUES (now() - interval '25 hours', 1), (now(), 5), "
+    run(u"INSERT INTO tarn.host_samples (at, load1) VALUES (now() - interval '25 hours', 1), (now() - "
+        u"interval '1 minute', 5), "
         "(now() + interval '1 hour', 2)"_s);
     const HostFigures figures = read(1);
     QCOMPARE(figures.samples.metrics[Load].count(std::nullopt), kBuckets - 1);
