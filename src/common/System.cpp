@@ -99,6 +99,11 @@ void dispose(std::unique_ptr<QProcess> process)
     [[maybe_unused]] const QProcess* dying = process.release();
 }
 
+bool isSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 /// What is in front of the first blank of @p rest, which is left with what is behind it.
 QByteArrayView takeWord(QByteArrayView& rest)
 {
@@ -253,7 +258,7 @@ QJsonArray parseServices(const QByteArray& output, const QStringList& names)
     };
     for (QByteArrayView rest(output); !rest.isEmpty();) {
         const QByteArrayView line = takeLine(rest);
-        if (line.trimmed().isEmpty()) {
+        if (std::all_of(line.begin(), line.end(), isSpace)) {
             endBlock();
             continue;
         }
