@@ -648,7 +648,6 @@ void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes_data()
 void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes()
 {
     constexpr qsizetype kBytes = 65'536;
-    constexpr double kMostTimes = 10;
     QFETCH(QByteArray, unit);
     const auto costOf = [](const QByteArray& text, QByteArrayView before, QByteArrayView field) {
         const QByteArray sent = before.toByteArray() + text;
@@ -674,7 +673,7 @@ void tst_Classifier::hostileTextsCostLittleMoreThanPlainOnes()
         const double hostile = costOf(tarn::tests::textOf(unit, kBytes), before, field);
         // A host that is none is told by its length at once, in which no ratio can be measured.
         constexpr double kNothing = 100e-6;
-        QVERIFY2(hostile < std::max(kMostTimes * plain, kNothing),
+        QVERIFY2(hostile < std::max(tarn::tests::kMostTimes * plain, kNothing),
                  qPrintable(u"%1: %2 us, plain %3 us"_s.arg(QString::fromLatin1(before))
                                 .arg(hostile * 1e6)
                                 .arg(plain * 1e6)));

@@ -61,7 +61,7 @@ inline QString textsThatCostTooMuch(const QByteArray& before,
     const double plain = secondsFor("x");
     for (const tests::Shape& shape : tests::hostileShapes()) {
         const double hostile = secondsFor(shape.unit);
-        if (hostile >= 10 * plain) {
+        if (hostile >= tarn::tests::kMostTimes * plain) {
             result.append(QStringLiteral("%1: %2 us, %3 us")
                               .arg(QLatin1StringView(shape.name))
                               .arg(hostile * 1e6)
