@@ -237,6 +237,7 @@ private Q_SLOTS:
         QTimer::singleShot(0, this, [&] {
             QTRY_COMPARE_WITH_TIMEOUT(m_agent->calls(kSwitch).size(), 1, 10'000);
             test::run(m_fixture.session.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+            QTRY_VERIFY_WITH_TIMEOUT(!db::session().isOpen(), 10'000);
             m_agent->go();
         });
         expectOverLimit();
