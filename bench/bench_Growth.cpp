@@ -122,7 +122,7 @@ QList<Place> classifierPlaces()
         analytics::percentDecoded(analytics::queryItem(t, "p"));
     };
     const auto pageOfARow = [](const QString& t) {
-        analytics::percentDecoded(analytics::splitUrl(t.toUtf8()).path);
+        db::storable(analytics::percentDecoded(analytics::splitUrl(t.toUtf8()).path));
     };
     const auto hostOfAProperty = [](const QString& t) {
         analytics::hostName(analytics::splitUrl("https://" + t.toUtf8() + '/').host);

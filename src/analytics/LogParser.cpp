@@ -19,7 +19,7 @@ constexpr int kMaxOffsetSeconds = 16 * 3600;
 constexpr qsizetype kTimeLength = 26;
 
 /// Runs of spaces are skipped by so many at a time: a line can consist of them.
-constexpr QByteArrayView kSpaces = "                ";
+constexpr QByteArrayView kSpaces = "                                                                ";
 
 void skipSpaces(QByteArrayView line, qsizetype& pos)
 {

@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 
 #include <optional>
+#include <utility>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -228,7 +229,19 @@ QString ident(const QString& name)
 
 QString storable(QString text)
 {
-    return text.isEmpty() ? u""_s : text.remove(QChar::Null);
+    if (text.isEmpty())
+        return u""_s;
+    if (!text.contains(QChar::Null))
+        return text;
+    // Without a branch for each character: a text can consist of them.
+    QString kept(text.size(), Qt::Uninitialized);
+    QChar* out = kept.data();
+    for (const QChar c : std::as_const(text)) {
+        *out = c;
+        out += c.isNull() ? 0 : 1;
+    }
+    kept.truncate(out - kept.constData());
+    return kept;
 }
 
 } // namespace tarn::db

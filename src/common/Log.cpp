@@ -37,6 +37,13 @@ qsizetype wholeCharacters(const QByteArray& text, qsizetype limit)
     return size;
 }
 
+/// The first @p units of @p text, or one less where they would end between two surrogates.
+QStringView wholePairs(QStringView text, qsizetype units)
+{
+    const bool parts = units > 1 && units < text.size() && text.at(units - 1).isHighSurrogate();
+    return text.left(parts ? units - 1 : units);
+}
+
 void writeLine(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
     const QString formatted = qFormatLogMessage(type, context, oneLine(text));
@@ -76,8 +83,13 @@ QString oneLine(const QString& text)
 QByteArray logLine(const QString& text)
 {
     constexpr qsizetype room = kMaxLogLineBytes - 1;
-    // A character takes a byte at least, so that what is behind cannot be in the line.
-    QByteArray line = QStringView(text).left(room + 1).toUtf8();
+    // In pieces, so that no more of a long text is converted than fits: three bytes are the most for a unit.
+    QByteArray line;
+    for (QStringView rest(text); !rest.isEmpty() && line.size() <= room;) {
+        const QStringView piece = wholePairs(rest, (room - line.size()) / 3 + 2);
+        line += piece.toUtf8();
+        rest = rest.sliced(piece.size());
+    }
     if (line.size() > room) {
         line.truncate(wholeCharacters(line, room - kCutMark.size()));
         line += kCutMark;

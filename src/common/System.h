@@ -40,6 +40,9 @@ struct Volume
 /// everything below /run and /snap are left out.
 QJsonArray disks(const QList<Volume>& volumes);
 
+/// Blocks that parseServices() takes beyond those that were asked for.
+constexpr qsizetype kMaxUnaskedServices = 1'000;
+
 /// The units of `health/services` (kServiceSettings), in their order. Names are trimmed, and empty ones left
 /// out; a name that stands there twice is kept twice.
 QStringList monitoredServices(const QSettings& settings);
@@ -62,7 +65,8 @@ QJsonArray serviceStatus(const QStringList& names);
 /// [{"name": "apache2", "loaded": true, "active": true, "sub": "running", "since": 1728741336,
 /// "memory": 21544960}, ...]. A property that the block lacks is left out, and a memory use that is no number
 /// is 0. A number or time of more than 64 bytes is none. "since" is in seconds since the Unix epoch. systemd
-/// writes local time, so the zone that it names is not read.
+/// writes local time, so the zone that it names is not read. Blocks behind the last name have the name "";
+/// at most kMaxUnaskedServices of them are taken.
 QJsonArray parseServices(const QByteArray& output, const QStringList& names);
 
 } // namespace tarn::system
