@@ -78,7 +78,7 @@ private:
     {
         for (int pass = 0; pass < 2; ++pass) {
             const QString before = lastPass();
-            QTRY_VERIFY_WITH_TIMEOUT(lastPass() > before, 20'000);
+            QVERIFY2(QTest::qWaitFor([&] { return lastPass() > before; }, 60'000), qPrintable(state()));
         }
         // The statement seen is the pass's first; give the pass itself time to do what it should not.
         QTest::qWait(100);
@@ -88,6 +88,15 @@ private:
         return value(u"SELECT coalesce(max(query_start)::text, '') FROM pg_stat_activity WHERE "
                      u"application_name = 'tarn-collect' "
                      "AND datname = current_database() AND query LIKE '%log_sources%'"_s);
+    }
+
+    /// What a failure is explained by: the sessions of the database and the collector's log.
+    QString state() const
+    {
+        const QString sessions = value(u"SELECT string_agg(concat_ws(' ', application_name, state, "
+                                       u"wait_event, query_start, query), chr(10)) "
+                                       "FROM pg_stat_activity WHERE datname = current_database()"_s);
+        return u"now %1\n%2\n%3"_s.arg(value(u"SELECT now()"_s), sessions, m_collector->log().join(u'\n'));
     }
 
     test::PostgresServer m_server;
