@@ -182,7 +182,7 @@ Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByte
     m_transaction.reset();
 
     pruneSessions();
-    if (result.stored > 0) {
+    if (result.stored > 0 && db::session().isOpen()) {
         QSqlQuery query;
         query.prepare(u"SELECT pg_notify('tarn_hits', ?)"_s);
         query.addBindValue(QString::number(siteId));

@@ -30,16 +30,27 @@ const auto kTransactions = u"SELECT sum(xact_commit + xact_rollback) FROM pg_sta
 const auto kConnections = u"SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend'"_s;
 const auto kPrune = u"DELETE FROM tarn.host_samples WHERE at < now() - interval '30 days'"_s;
 
+/// False once a statement has found that the session is gone. Qt has a warning of its own for each further
+/// one.
+bool haveSession()
+{
+    return db::session().isOpen();
+}
+
 /// The first value that @p statement yields; 0 when it yields none or fails. A failure is not logged, as it
 /// would be in every sample.
 qint64 count(const QString& statement)
 {
+    if (!haveSession())
+        return 0;
     QSqlQuery query;
     return query.exec(statement) && query.next() ? query.value(0).toLongLong() : 0;
 }
 
 void store(const QVariantList& values)
 {
+    if (!haveSession())
+        return;
     QSqlQuery query;
     query.prepare(sampleInsertStatement());
     for (const QVariant& value : values)
@@ -49,6 +60,8 @@ void store(const QVariantList& values)
 
 void prune()
 {
+    if (!haveSession())
+        return;
     QSqlQuery query;
     query.exec(kPrune);
 }
@@ -102,13 +115,14 @@ void Health::sample()
 
     const Counters current = read();
     // A lost session is noticed, and closed, during the wait for Apache.
-    db::ensure(false);
+    const bool isConnected = db::ensure(false);
     HostFigures host = readHostFigures();
     host.pgConnections = static_cast<int>(count(kConnections));
     store(sampleValues(m_prev, current, host));
     m_prev = current;
     prune();
-    checkHost(current, host);
+    if (isConnected)
+        checkHost(current, host);
 }
 
 void Health::checkHost(const Counters& current, const HostFigures& host)
@@ -116,7 +130,7 @@ void Health::checkHost(const Counters& current, const HostFigures& host)
     // A server that is away is tried once, not again for each disk and each service.
     bool isAway = false;
     const auto checked = [this, &isAway](const Condition& condition) {
-        isAway = isAway || !(db::session().isOpen() || db::ensure(false));
+        isAway = isAway || !(haveSession() || db::ensure(false));
         if (!isAway)
             m_alerts.note(condition, kSamples);
     };

@@ -84,7 +84,8 @@ void HealthAlerts::note(const Condition& condition, int n)
 
     // The session can have been lost while an earlier alert was delivered. This one is opened or closed in
     // this pass only.
-    db::ensure(false);
+    if (!db::ensure(false))
+        return;
     const QString kind = db::storable(condition.kind);
     const QString subject = db::storable(condition.subject);
     const QString text = db::storable(condition.text);

@@ -177,7 +177,9 @@ void followLog(Ingest& ingest, LongLines& longLines, const LogSource& source)
     const Ingest::Result result = ingest.ingest(source.siteId, source.host, linesOf(slice.data));
     if (result.skipped != 0)
         qWarning("collect: %s: %d lines were not log entries", qPrintable(source.path), result.skipped);
-    storePlace(source, file->inode, offset + slice.data.size());
+    // A session that was lost has taken the hits with it, and said so. The next pass reads these lines again.
+    if (db::session().isOpen())
+        storePlace(source, file->inode, offset + slice.data.size());
 }
 
 } // namespace tarn

@@ -461,6 +461,33 @@ private Q_SLOTS:
         health->sample();
         QCOMPARE(samples(), u"2"_s);
     }
+
+    void serverLostDuringTheWaitForApache_data()
+    {
+        QTest::addColumn<bool>("noticed"); // before the statements of the sample
+        QTest::newRow("noticed") << true;
+        QTest::newRow("not-yet-noticed") << false;
+    }
+    /// One line, and none of Qt's own about statements without a session.
+    void serverLostDuringTheWaitForApache()
+    {
+        QFETCH(const bool, noticed);
+        useApache();
+        m_fixture.settings[u"health/memory_alert_pct"_s] = 0;
+        const auto health = m_fixture.makeHealth();
+        m_apache.answer([&](const auto&) {
+            m_fixture.server.stop();
+            if (noticed)
+                db::session().close();
+            return ok({});
+        });
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^database: reconnect failed: "_s));
+        health->sample();
+        QVERIFY(m_fixture.server.restart());
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(true));
+        QCOMPARE(samples(), u"0"_s);
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_Health)
