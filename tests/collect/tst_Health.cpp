@@ -452,8 +452,7 @@ private Q_SLOTS:
         const auto health = m_fixture.makeHealth();
         health->sample();
         m_apache.answer([this](const auto&) {
-            const QString backend = HealthFixture::scalar(u"SELECT pg_backend_pid()"_s);
-            test::run(m_fixture.session.other(), u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+            test::ProductSession::endBackend(m_fixture.session.other());
             QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
             [[maybe_unused]] const bool usable = db::ensure(true);
             return ok({});

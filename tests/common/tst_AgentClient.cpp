@@ -1,72 +1,17 @@
-#include "common/AgentClient.h"
-#include "support/FakeAgent.h"
-#include "support/ProcessMemory.h"
+#include "common/AgentTest.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThreadPool>
-#include <QTimer>
 
-#include <algorithm>
-#include <atomic>
 #include <limits>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
-using tarn::callAgent;
-using tarn::test::AgentAnswer;
-using tarn::test::FakeAgent;
-using tarn::test::memoryMb;
+using namespace tarn::test;
 
 namespace {
-
-const auto kMethod = u"hosting.usage"_s;
-
-/// Longer than any answer takes that comes at all.
-constexpr int kAmpleMs = 20'000;
-/// The wait of a call that is to be in vain.
-constexpr int kShortMs = 300;
-/// What a busy machine may add.
-constexpr int kSlackMs = 3'000;
-
-constexpr qsizetype kMaxAnswerBytes = 67'108'864;
-
-QJsonObject usage()
-{
-    return {
-        {u"ok"_s,    true                                                                        },
-        {u"usage"_s,
-         QJsonObject{{u"anna"_s, qint64(1'234'567'890'123)}, {u"b\u00f6rge"_s, 0}, {u"c"_s, 512}}},
-    };
-}
-
-QJsonObject unreachable()
-{
-    return {
-        {u"ok"_s,    false                   },
-        {u"error"_s, u"agent not reachable"_s},
-    };
-}
-
-QJsonObject noAnswer()
-{
-    return {
-        {u"ok"_s,    false                    },
-        {u"error"_s, u"agent did not answer"_s},
-    };
-}
 
 /// Processor time of the process, in milliseconds.
 qint64 cpuMs()
@@ -77,71 +22,16 @@ qint64 cpuMs()
            + (use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1000;
 }
 
-sockaddr_un addressOf(const QString& path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    const QByteArray name = path.toLocal8Bit();
-    std::copy(name.cbegin(), name.cend(), address.sun_path);
-    return address;
-}
-
-/// A listener whose queue is full, so that nobody gets in.
-class FullListener
-{
-public:
-    explicit FullListener(const QString& path)
-    {
-        const sockaddr_un address = addressOf(path);
-        const auto* plain = reinterpret_cast<const sockaddr*>(&address);
-        m_sockets.append(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const bool listens =
-            bind(m_sockets.first(), plain, sizeof(address)) == 0 && listen(m_sockets.first(), 0) == 0;
-        if (!listens)
-            qFatal("cannot listen on %s", qPrintable(path));
-        int result = 0;
-        while (result == 0) {
-            m_sockets.append(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            result = ::connect(m_sockets.last(), plain, sizeof(address));
-        }
-    }
-    ~FullListener()
-    {
-        for (const int socket : std::as_const(m_sockets))
-            close(socket);
-    }
-    FullListener(const FullListener&) = delete;
-    FullListener& operator=(const FullListener&) = delete;
-
-private:
-    QList<int> m_sockets;
-};
-
 } // namespace
 
-class tst_AgentClient : public QObject
+/// A request and its answer, and agents that cannot be reached.
+class tst_AgentClient : public AgentTest
 {
     Q_OBJECT
 
-private:
-    /// The result of a call that is answered by @p answer.
-    QJsonObject callAnsweredBy(const AgentAnswer& answer, int timeoutMs = kAmpleMs)
-    {
-        m_agent->setAnswer(kMethod, answer);
-        return callAgent(m_agent->socketPath(), kMethod, {}, timeoutMs);
-    }
-
-    std::unique_ptr<FakeAgent> m_agent;
-    QTemporaryDir m_folder;
-
 private Q_SLOTS:
-    void init()
-    {
-        QTest::failOnWarning(QRegularExpression(u".?"_s));
-        m_agent = std::make_unique<FakeAgent>();
-        QVERIFY(m_agent->start());
-    }
-    void cleanup() { m_agent.reset(); }
+    void init() { beginTest(); }
+    void cleanup() { endTest(); }
 
     void answerIsHandedOnUnchanged_data()
     {
@@ -313,24 +203,6 @@ private Q_SLOTS:
         QCOMPARE(callAnsweredBy(AgentAnswer::good(usage())), usage());
     }
 
-    void didNotAnswer_data()
-    {
-        QTest::addColumn<AgentAnswer>("answer");
-        QTest::newRow("silent") << AgentAnswer::silent();
-        QTest::newRow("too-slow") << AgentAnswer::slow(usage(), 10'000);
-        QTest::newRow("no-line-feed") << AgentAnswer::halfLine(usage());
-        QTest::newRow("pause-within-the-line") << AgentAnswer::trickling(usage(), 2, 10'000);
-    }
-    void didNotAnswer()
-    {
-        QFETCH(const AgentAnswer, answer);
-        QElapsedTimer timer;
-        timer.start();
-        QCOMPARE(callAnsweredBy(answer, kShortMs), noAnswer());
-        QVERIFY2(timer.elapsed() >= kShortMs, "it did not wait");
-        QVERIFY2(timer.elapsed() < 2 * kShortMs + kSlackMs, "it waited too long");
-    }
-
     void hungUp_data()
     {
         QTest::addColumn<AgentAnswer>("answer");
@@ -359,14 +231,6 @@ private Q_SLOTS:
         answer.closes = true;
         for (int i = 0; i < 50; ++i)
             QCOMPARE(callAnsweredBy(answer), usage());
-    }
-
-    void limitIsForEachWait()
-    {
-        QElapsedTimer timer;
-        timer.start();
-        QCOMPARE(callAnsweredBy(AgentAnswer::trickling(usage(), 12, 100), 800), usage());
-        QVERIFY2(timer.elapsed() > 800, "the whole took no longer than one wait");
     }
 
     void answerInManyPieces() { QCOMPARE(callAnsweredBy(AgentAnswer::trickling(usage(), 60, 1)), usage()); }
@@ -401,143 +265,6 @@ private Q_SLOTS:
         AgentAnswer answer;
         answer.bytes = line;
         QCOMPARE(callAnsweredBy(answer), QJsonObject());
-    }
-
-    void longestLine()
-    {
-        const QJsonObject object = callAnsweredBy(AgentAnswer::hugeLine(kMaxAnswerBytes));
-        QVERIFY(object[u"ok"_s].toBool());
-        QVERIFY(object[u"padding"_s].toString().size() > kMaxAnswerBytes - 100);
-    }
-
-    void longestLinePlusOne()
-    {
-        QCOMPARE(callAnsweredBy(AgentAnswer::hugeLine(kMaxAnswerBytes + 1)), noAnswer());
-    }
-
-    void endlessLineIsGivenUp()
-    {
-        const double before = memoryMb("VmRSS");
-        tarn::test::resetMemoryPeak();
-        QCOMPARE(callAnsweredBy(AgentAnswer::endlessLine()), noAnswer());
-        QTRY_COMPARE(m_agent->openConnections(), 0);
-        const double grown = memoryMb("VmHWM") - before;
-        // The line once, once more while its room grows, and what the sanitizers want.
-        QVERIFY2(grown < 500, qPrintable(u"%1 MB"_s.arg(grown)));
-    }
-
-    void requestThatNobodyReads_data()
-    {
-        QTest::addColumn<bool>("closes");
-        QTest::newRow("silent") << false;
-        QTest::newRow("closed") << true;
-    }
-    void requestThatNobodyReads()
-    {
-        QFETCH(const bool, closes);
-        AgentAnswer deaf;
-        deaf.readsRequest = false;
-        deaf.waitsForGo = !closes;
-        deaf.closes = true;
-        m_agent->setAnswer({}, deaf);
-        QElapsedTimer timer;
-        timer.start();
-        const QJsonObject args{
-            {u"padding"_s, QString(10'000'000, u'x')}
-        };
-        QCOMPARE(callAgent(m_agent->socketPath(), kMethod, args, kShortMs), noAnswer());
-        QVERIFY(timer.elapsed() < kShortMs + kSlackMs);
-    }
-
-    void longRequest()
-    {
-        m_agent->setAnswer(kMethod, AgentAnswer::good(usage()));
-        const QJsonObject args{
-            {u"padding"_s, QString(3'000'000, u'x')}
-        };
-        QCOMPARE(callAgent(m_agent->socketPath(), kMethod, args, kAmpleMs), usage());
-        QCOMPARE(m_agent->calls(kMethod), QList<QJsonObject>{args});
-    }
-
-    void oddTimeouts_data()
-    {
-        QTest::addColumn<int>("timeoutMs");
-        QTest::newRow("zero") << 0;
-        QTest::newRow("negative") << -1;
-        QTest::newRow("most-negative") << std::numeric_limits<int>::min();
-    }
-    void oddTimeouts()
-    {
-        QFETCH(const int, timeoutMs);
-        QElapsedTimer timer;
-        timer.start();
-        QCOMPARE(callAnsweredBy(AgentAnswer::silent(), timeoutMs), noAnswer());
-        QCOMPARE(callAgent(m_folder.filePath(u"none.sock"_s), kMethod, {}, timeoutMs), unreachable());
-        QVERIFY2(timer.elapsed() < kSlackMs, "no wait is no wait");
-    }
-
-    void longestTimeout()
-    {
-        QCOMPARE(callAnsweredBy(AgentAnswer::slow(usage(), 50), std::numeric_limits<int>::max()), usage());
-    }
-
-    void onAPoolThread()
-    {
-        m_agent->setAnswer(kMethod, AgentAnswer::held(usage()));
-        QJsonObject result;
-        std::atomic_bool done = false;
-        QThreadPool::globalInstance()->start([&] {
-            result = callAgent(m_agent->socketPath(), kMethod, {}, kAmpleMs);
-            done = true;
-        });
-        // Meanwhile this thread's timers go on.
-        int ticks = 0;
-        QTimer timer;
-        connect(&timer, &QTimer::timeout, this, [&] { ++ticks; });
-        timer.start(1);
-        QTRY_COMPARE(m_agent->requests().size(), 1);
-        QTRY_VERIFY(ticks > 3);
-        QVERIFY(!done);
-        m_agent->go();
-        QTRY_VERIFY(done);
-        QVERIFY(QThreadPool::globalInstance()->waitForDone());
-        QCOMPARE(result, usage());
-    }
-
-    void onAThreadThatIsNotQts()
-    {
-        m_agent->setAnswer(kMethod, AgentAnswer::good(usage()));
-        const QString full = m_folder.filePath(u"full2.sock"_s);
-        const FullListener listener(full);
-        QJsonObject good;
-        QJsonObject missing;
-        QJsonObject refused;
-        std::thread thread([&] {
-            good = callAgent(m_agent->socketPath(), kMethod, {}, kAmpleMs);
-            missing = callAgent(m_folder.filePath(u"none.sock"_s), kMethod, {}, kAmpleMs);
-            refused = callAgent(full, kMethod, {}, kShortMs);
-        });
-        thread.join();
-        QCOMPARE(good, usage());
-        QCOMPARE(missing, unreachable());
-        QCOMPARE(refused, unreachable());
-    }
-
-    void manyAtOnce()
-    {
-        m_agent->setAnswer(kMethod, AgentAnswer::trickling(usage(), 5, 2));
-        std::atomic_int good = 0;
-        std::vector<std::thread> threads;
-        threads.reserve(20);
-        for (int i = 0; i < 20; ++i) {
-            threads.emplace_back([&] {
-                if (callAgent(m_agent->socketPath(), kMethod, {}, kAmpleMs) == usage())
-                    ++good;
-            });
-        }
-        for (std::thread& thread : threads)
-            thread.join();
-        QCOMPARE(good.load(), 20);
     }
 };
 

@@ -68,6 +68,22 @@ public:
         return m_server.connect(db::session().databaseName(), QStringLiteral("other"));
     }
 
+    /// Has @p other end the session's backend, as a restart of the server does. The client learns of it with
+    /// its next statement; while it listens to a channel, in its event loop as well.
+    static void endBackend(const QSqlDatabase& other)
+    {
+        using namespace Qt::Literals::StringLiterals;
+        const QString backend = scalar(u"SELECT pg_backend_pid()"_s);
+        test::run(other, u"SELECT pg_terminate_backend(%1, 5000)"_s.arg(backend));
+    }
+
+    /// The same for a session that listens, until the client knows.
+    static void lose(const QSqlDatabase& other)
+    {
+        endBackend(other);
+        QVERIFY(QTest::qWaitFor([] { return !db::session().isOpen(); }));
+    }
+
 private:
     PostgresServer& m_server;
     QTemporaryDir m_folder;
