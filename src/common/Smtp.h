@@ -1,7 +1,7 @@
 // A minimal mail client (RFC 5321): one session, one message in plain text. Speaks implicit TLS, STARTTLS
 // (RFC 3207) or no encryption; the caller decides who may go without. Each wait runs a local event loop, in
-// which timers are served and other jobs run, another mail's session among them. Private to the notification
-// unit.
+// which timers are served and other jobs run, another mail's session among them. What is sent is the message
+// of MailMessage.h. Private to the notification unit.
 #pragma once
 
 #include <QByteArray>
@@ -12,9 +12,6 @@
 #include <QString>
 
 #include <functional>
-
-class QDateTime;
-class QUuid;
 
 namespace tarn::notify {
 
@@ -59,15 +56,6 @@ private:
     QString m_error;
     QList<QHostAddress> m_addresses;
 };
-
-/// The message as it goes over the wire (RFC 5322), with CR LF line ends, without the dot behind it: a
-/// head with From, To, Subject, Date and Message-ID, and @p text in UTF-8 as base64 in lines of 76
-/// characters.
-/// @p now is local time; @p id makes the Message-ID. Recipients or a subject that would make a line of more
-/// than 998 bytes (RFC 5322, 2.1.1) are folded. Control characters of the subject become blanks. Addresses
-/// are taken as they are: mailSettingsProblem() judges them.
-QByteArray mailMessage(const Config& config, const QString& subject, const QString& text,
-                       const QDateTime& now, const QUuid& id);
 
 /// Why no mail can be sent with these settings, whatever the server says; empty when one can. An address with
 /// a blank, a control character, "<" or ">" in it would change the meaning of a command.

@@ -1,4 +1,4 @@
-#include "common/Smtp.h"
+#include "common/MailMessage.h"
 #include "common/SmtpTest.h"
 #include "support/MailTools.h"
 #include "support/Zone.h"
