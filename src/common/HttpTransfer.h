@@ -2,7 +2,7 @@
 // the local event loop that run() waits in. Private to the HTTP unit.
 #pragma once
 
-#include "common/Http.h"
+#include "common/HttpMessage.h"
 
 #include <QEventLoop>
 #include <QHash>
