@@ -139,7 +139,7 @@ constexpr bool isDomainOrSubdomain(std::string_view host, std::string_view domai
     return host.size() == domain.size() || host[host.size() - domain.size() - 1] == '.';
 }
 
-/// No row stands behind one that matches everything it could match.
+/// True when every row can be reached: no row before it matches all that it matches.
 consteval bool everyBotIsReachable()
 {
     for (std::size_t row = 1; row < kBots.size(); ++row) {
@@ -190,8 +190,8 @@ QString findBot(QByteArrayView sent, const QString& userAgent)
 {
     if (userAgent.isEmpty())
         return u"No user agent"_s;
-    // The tokens are plain ASCII, so looking for their bytes in UTF-8 finds what looking for characters
-    // would.
+    // The tokens are ASCII. A search for their bytes in UTF-8 finds the same as a search for their
+    // characters.
     const QByteArray lower = asciiLower(sent);
     const std::string_view haystack(lower.constData(), static_cast<std::size_t>(lower.size()));
     for (const Bot& bot : kBots) {
@@ -262,8 +262,7 @@ QString queryValue(QByteArrayView query, QByteArrayView key)
     return percentDecoded(queryItem(query, key));
 }
 
-/// The source named by the campaign parameters of the page that was asked for; its kind is empty without
-/// them.
+/// The source that the campaign parameters of the requested page name. Its kind is empty without them.
 Source campaignOf(QByteArrayView target)
 {
     const qsizetype mark = target.indexOf('?');
@@ -295,8 +294,8 @@ bool isInternal(const QString& host, const QString& siteHost)
 {
     const QString site = stripWww(siteHost);
     const QString referring = stripWww(host);
-    // By the last test the site's name under other top-level domains counts as the site. The price: a
-    // stranger's host can begin with that name as well.
+    // The last test takes the site's name under another top-level domain for the site. A stranger's host that
+    // begins with that name is taken for it as well.
     return referring == site || referring.endsWith(u'.' + site) || referring.startsWith(site + u'.');
 }
 

@@ -23,8 +23,8 @@ namespace {
 constexpr qsizetype kMinLines = 1'000;
 constexpr qsizetype kRowsPerInsert = 1'000;
 
-/// The download may be silent for any time, but one that never ends must not hold the other long jobs up for
-/// good.
+/// Of a download, which may be silent for any part of it. One without an end would hold up the other long
+/// jobs.
 constexpr int kTotalMs = 6 * 3'600 * 1'000;
 /// The file has 5 MB.
 constexpr qint64 kBodyBytes = 268'435'456;
@@ -42,7 +42,7 @@ QString monthOf(QDate day)
     return day.toString(u"yyyy-MM"_s);
 }
 
-/// True for enough lines, a range among them: a table is not emptied for a long page about an error.
+/// True when there are enough lines and one of them is a range. A long error page must not empty the table.
 bool looksLikeCountryFile(const QByteArray& data)
 {
     const qsizetype lines = data.count('\n') + (data.isEmpty() || data.endsWith('\n') ? 0 : 1);
@@ -67,7 +67,8 @@ bool insert(db::Transaction& transaction, const QList<CountryRange>& chunk)
     return db::exec(query);
 }
 
-/// Puts the ranges of @p data in place of those in the table; how many, or nothing when a statement failed.
+/// Replaces the ranges in the table with those of @p data. Returns how many, or nothing when a statement
+/// failed.
 std::optional<qsizetype> replaceRanges(db::Transaction& transaction, QByteArrayView data)
 {
     // From here on readers of the table wait for the end of the transaction.
@@ -113,7 +114,7 @@ std::optional<qsizetype> load(QByteArrayView data, const QString& month)
 
 bool geoIpIsStale()
 {
-    // The question comes after the waits of a synchronisation, in which the session can be lost.
+    // The session can be lost during the synchronisation that runs before.
     return db::ensure(false) && geoIpIsStale(QDate::currentDate());
 }
 
@@ -127,7 +128,7 @@ bool geoIpIsStale(QDate today)
 
 QString updateGeoIp(const QString& file, bool* ok)
 {
-    // Read once: the file that is asked for and the month that is noted must not differ at midnight.
+    // The date is read once: the file that is asked for and the month that is stored must agree at midnight.
     return updateGeoIp(file, ok, QDate::currentDate());
 }
 
@@ -149,11 +150,11 @@ QString updateGeoIp(const QString& file, bool* ok, QDate today)
         if (!problem.isEmpty())
             return u"download failed: "_s + problem;
         data = gunzip(answer.body, &intact);
-        // The session can be lost meanwhile, which must not cost another download.
+        // The session can be lost during the download, which must not be repeated for that.
         if (!db::ensure(false))
             return kDatabaseError;
     }
-    // The first half of a file would pass for a whole one.
+    // Without this check, the first half of a file would pass for a whole one.
     if (!intact || !looksLikeCountryFile(data))
         return u"that does not look like a DB-IP country file"_s;
 

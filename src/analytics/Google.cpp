@@ -28,9 +28,9 @@ namespace tarn::analytics::google {
 namespace {
 
 constexpr int kSilenceMs = 60'000;
-/// Without a limit an answer that comes byte by byte would hold the other long jobs up for good.
+/// An answer that comes byte by byte would otherwise hold up the other long jobs for ever.
 constexpr int kTotalMs = 3'600 * 1'000;
-/// Decompressed. The most rows that come at once, 25,000, can have 5,000 bytes each.
+/// Of a decompressed answer. Each of the 25,000 rows of a page can have 5,000 bytes.
 constexpr qint64 kBodyBytes = 134'217'728;
 constexpr http::Limits kLimits{.silenceMs = kSilenceMs, .totalMs = kTotalMs, .bodyBytes = kBodyBytes};
 
@@ -77,14 +77,14 @@ struct Site
     QDate lastStored; ///< invalid when nothing is
 };
 
-/// Whether there is a session after a wait, in which it can be lost. A lost one is opened again, since the
-/// work behind the wait is not repeated.
+/// False when there is no session after a wait. A session that was lost in the wait is opened again, since
+/// the work behind the wait is not repeated.
 bool haveDatabase()
 {
     return db::ensure(false);
 }
 
-/// Whether the statement that has just failed did so for lack of a session.
+/// True when the statement that has just failed did so because the session is lost.
 bool databaseIsLost()
 {
     return !db::session().isOpen();
@@ -174,7 +174,7 @@ QString withoutWww(const QString& host)
     return host.startsWith("www."_L1) ? host.sliced(4) : host;
 }
 
-/// The host name that a property is matched by: that of "sc-domain:example.org" or
+/// The host name by which a property is matched: "sc-domain:example.org" or
 /// "https://www.example.org/shop/".
 QString hostOf(const QString& property)
 {
@@ -324,8 +324,8 @@ QString syncSite(const QString& token, const Site& site)
                             &ok);
 }
 
-/// Read to the end at once: while a request is waited for, a timer may reconnect the session. Nothing when
-/// they cannot be read.
+/// All mapped sites; nothing when they cannot be read. They are read to the end at once, since a timer may
+/// reconnect the session during a request.
 std::optional<QList<Site>> mappedSites()
 {
     QList<Site> sites;
@@ -350,13 +350,13 @@ QString syncSites(const QString& token)
     qInfo("collect: synchronising %d sites with Google", static_cast<int>(sites->size()));
     QStringList results;
     for (const Site& site : *sites) {
-        // A session that was lost while the site before was stored.
+        // The session can be lost while the site before is stored.
         const bool open = haveDatabase();
         results.append(site.host + u": "_s + (open ? syncSite(token, site) : kDatabaseLost));
         if (!open)
             break;
-        // A large site's rows were a gigabyte of small pieces, which the allocator would keep for the next
-        // time.
+        // The rows of a large site take up to a gigabyte in small pieces. The allocator would keep that
+        // memory.
         malloc_trim(0);
     }
     return results.join(u"; "_s);
@@ -401,7 +401,7 @@ QString connect(const Client& client, const QString& code)
                              kFormType, {});
     if (!reply.error.isEmpty())
         return reply.error;
-    // The code can be used only once, so that a lost session must not waste it.
+    // The code works once. A lost session must not waste it.
     haveDatabase();
     const QString refresh = reply.json.value(u"refresh_token"_s).toString();
     if (refresh.isEmpty())

@@ -39,8 +39,8 @@ Client clientFrom(const QSettings& settings);
 /// code that connect() wants.
 QString authUrl(const Client& client, const QString& state);
 
-/// Exchanges the authorization @p code for a refresh token, stores it in place of an earlier one, and maps
-/// the properties of the account to sites. Empty on success, else the reason. When only the mapping failed,
+/// Exchanges the authorization @p code for a refresh token, which replaces an earlier one. Then maps the
+/// properties of the account to sites. Empty on success, else the reason. When only the mapping failed,
 /// the connection is stored nevertheless.
 QString connect(const Client& client, const QString& code);
 

@@ -14,13 +14,14 @@ namespace tarn::analytics {
 
 namespace {
 
-/// A character is at most four bytes, and each byte "%xx". With a last dot.
+/// Of a name as it is sent, with a last dot. A character has four bytes at most, and each can be sent as
+/// "%xx".
 constexpr qsizetype kMaxSentBytes = (kMaxNameLength + 1) * 4 * 3;
 
-/// Marks in a row on one letter. Names have two or three, and to sort them takes Qt quadratic time.
+/// Combining marks in a row on one letter. Names have two or three. Qt takes quadratic time to sort them.
 constexpr int kMaxMarks = 8;
 
-/// Longer numbers are not left to Qt, which takes quadratic time for them.
+/// The longest number that Qt reads. It takes quadratic time for a number.
 constexpr qsizetype kMaxPlainNumberLength = 64;
 
 constexpr QByteArrayView kByteOrderMark = "\xef\xbb\xbf";
@@ -44,7 +45,7 @@ int hexDigit(char c)
     return kHexDigits[static_cast<unsigned char>(c)];
 }
 
-/// True for "%" and two hexadecimal digits at the start of what lies between the two.
+/// True when the text from @p at to @p end begins with "%" and two hexadecimal digits.
 bool isEscape(const char* at, const char* end)
 {
     return end - at >= 3 && *at == '%' && hexDigit(at[1]) >= 0 && hexDigit(at[2]) >= 0;
@@ -70,7 +71,8 @@ QByteArray decodedBytes(QByteArrayView text)
     return bytes;
 }
 
-/// The end of the item's name between @p at and @p end when it is @p key in any way of writing it, else null.
+/// Compares the name of the item from @p at to @p end with @p key, its escapes resolved. Returns where the
+/// name ends, or null when it is another one.
 const char* endOfName(const char* at, const char* end, QByteArrayView key)
 {
     for (const char wanted : key) {
@@ -112,8 +114,8 @@ QByteArrayView hostOfAuthority(QByteArrayView authority)
     return colon < 0 || isInBrackets ? place : place.first(colon);
 }
 
-/// True for a label that every reader of names takes as it is but for its case. Labels such as "xn--", "-a"
-/// and "a_b" are left to Qt's rules.
+/// True for a label of which QUrl would change nothing but the case. Labels such as "xn--", "-a" and "a_b"
+/// follow Qt's rules.
 bool isPlainLabel(QByteArrayView label)
 {
     return !label.isEmpty() && label.size() <= kMaxLabelLength && label.front() != '-' && label.back() != '-'
@@ -122,8 +124,8 @@ bool isPlainLabel(QByteArrayView label)
               });
 }
 
-/// True for the host names that nearly all referrers have, for which QUrl would only take time. A last label
-/// that begins with a digit may belong to an address.
+/// True for the kind of name that nearly all referrers have. QUrl would take time and change only the case.
+/// The last label must begin with a letter: with a digit it may belong to an address.
 bool isPlainName(QByteArrayView name)
 {
     if (name.size() > kMaxNameLength)
@@ -144,8 +146,8 @@ bool isDot(uint c)
     return c == '.' || c == 0x3002 || c == 0xff0e || c == 0xff61;
 }
 
-/// False for what no name in Unicode can be: one with too many characters, of which each takes at least one
-/// of the ASCII form, or too many marks on a letter.
+/// False when @p host has too many characters for a name, or too many marks on a letter. Each character in
+/// Unicode takes at least one of the ASCII form.
 bool canBeName(QByteArrayView host)
 {
     if (host.size() > kMaxSentBytes)
@@ -207,7 +209,7 @@ QString hostName(QByteArrayView host)
         return QString::fromLatin1(host).toLower();
     if (host.isEmpty() || !canBeName(host))
         return {};
-    // With an empty user and an empty port nothing in the host can be taken for either.
+    // The empty user and the empty port keep QUrl from taking a part of the host for one of them.
     const QString name = unicodeName(
         QUrl(u"//@"_s + QString::fromUtf8(host) + u':', QUrl::TolerantMode).host(QUrl::FullyDecoded));
     return lengthInAscii(name) > kMaxNameLength ? QString() : name.toLower();
@@ -222,7 +224,7 @@ QString unicodeName(const QString& name)
 {
     if (!name.contains("xn--"_L1, Qt::CaseInsensitive) || name.size() > kMaxNameLength + 1)
         return name;
-    // Other labels may be in Unicode already, which fromAce() does not take.
+    // fromAce() takes ASCII only, and other labels may be in Unicode already.
     const QByteArray ascii = isAscii(name) ? name.toLatin1() : QUrl::toAce(name);
     const QString decoded = QUrl::fromAce(ascii, QUrl::IgnoreIDNWhitelist);
     return decoded.isEmpty() ? name : decoded;
@@ -238,7 +240,7 @@ QByteArrayView queryItem(QByteArrayView query, QByteArrayView key)
     const char* at = query.data();
     const char* const end = at + query.size();
     for (;;) {
-        // A loop and not a search for bytes, whose cost for each item is felt with thousands of empty ones.
+        // A loop, since a search for bytes costs more to begin. A query can have thousands of empty items.
         const char* next = at;
         // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a query without bytes is at its end already
         while (next != end && *next != '&')

@@ -198,8 +198,8 @@ void HealthAccounts::measure()
     if (m_isMeasuring)
         return;
     m_isMeasuring = true;
-    // Looked up here: the application object waits for this task while it ends, and instance() finds it no
-    // more by then.
+    // The pointer is taken here: the application object waits for this task while it ends, and instance() is
+    // null by then.
     QCoreApplication* application = QCoreApplication::instance();
     const auto task = [application, socket = m_agentSocket, self = std::weak_ptr(m_self)] {
         const QJsonObject answer = callAgent(socket, u"hosting.usage"_s, {}, kUsageMs);

@@ -28,8 +28,7 @@ bool isSpace(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// The pieces of a line between any white space, the first kMost of them. Empty ones stand for those that it
-/// lacks.
+/// The first kMost pieces of a line, which white space separates. A piece that the line lacks is empty.
 template <std::size_t kMost>
 std::array<QByteArrayView, kMost> pieces(QByteArrayView line)
 {
@@ -43,14 +42,14 @@ std::array<QByteArrayView, kMost> pieces(QByteArrayView line)
     return result;
 }
 
-/// What is in front of the first blank.
+/// The text before the first blank.
 QByteArrayView firstWord(QByteArrayView text)
 {
     const qsizetype blank = text.indexOf(' ');
     return blank < 0 ? text : text.first(blank);
 }
 
-/// What is behind @p word, at the start of @p text, and the blank that follows it.
+/// The text behind @p word, which @p text begins with, and behind the blank that follows.
 QByteArrayView behind(QByteArrayView text, QByteArrayView word)
 {
     return text.sliced(std::min(word.size() + 1, text.size()));

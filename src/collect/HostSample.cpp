@@ -50,7 +50,7 @@ Rates ratesBetween(const HostCounters& previous, const HostCounters& current)
     return rates;
 }
 
-/// What the values of a row are taken from.
+/// The records from which the values of a row are taken.
 struct Source
 {
     const HostFigures& host;

@@ -31,8 +31,8 @@ QJsonObject failure(const QString& reason)
     };
 }
 
-/// Connects @p socket. While the agent is too busy to accept clients, QLocalSocket would try again without a
-/// pause, at a processor's full load for up to ten minutes. The kernel's connect() waits instead.
+/// Connects @p socket. The kernel's connect() waits while the agent is too busy to accept clients.
+/// QLocalSocket would try again without a pause, with a processor at full load for up to ten minutes.
 bool connectSocket(QLocalSocket& socket, const QString& path, int timeoutMs)
 {
     sockaddr_un address = {};
@@ -42,7 +42,7 @@ bool connectSocket(QLocalSocket& socket, const QString& path, int timeoutMs)
         return false;
     std::memcpy(address.sun_path, name.constData(), static_cast<std::size_t>(name.size()));
 
-    // The kernel takes 0 for no limit.
+    // 0 would be no limit to the kernel.
     const int blocking = timeoutMs > 0 ? 0 : SOCK_NONBLOCK;
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | blocking, 0);
     if (descriptor < 0)

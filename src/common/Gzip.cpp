@@ -17,7 +17,7 @@ constexpr int kWarning = 2;
 QByteArray gunzip(const QByteArray& data, bool* intact)
 {
     QProcess process;
-    // gunzip's complaints about bad data would end up in our log.
+    // gunzip's error messages would end up in the collector's log.
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(u"gunzip"_s, {u"-c"_s});
     // All input is written before anything is read. QProcess keeps what the pipe does not take yet, and

@@ -53,7 +53,7 @@ QByteArray addressOf(const QNetworkProxy& proxy)
     if (proxy.type() == QNetworkProxy::NoProxy || proxy.type() == QNetworkProxy::DefaultProxy)
         return "";
     QUrl address;
-    // Names are the proxy's to look up.
+    // The proxy looks names up.
     address.setScheme(proxy.type() == QNetworkProxy::Socks5Proxy ? u"socks5h"_s : u"http"_s);
     address.setHost(proxy.hostName());
     address.setPort(proxy.port());

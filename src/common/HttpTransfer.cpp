@@ -20,7 +20,7 @@ namespace {
 /// Google compresses only for agents whose name says so.
 constexpr auto kUserAgent = "tarn-collect (gzip)";
 
-/// What a proxy may ask for. Without Kerberos, which would wait for a server of its own.
+/// The ways of signing in to a proxy. Kerberos is left out, since it would wait for another server.
 constexpr auto kProxySignIn = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST | CURLAUTH_NTLM);
 
 /// Prepares the library, once for the process.
@@ -173,7 +173,7 @@ void Transfer::addHeader(const QByteArray& line)
 
 void Transfer::setHeaders()
 {
-    // A name alone takes a header away that the library sends by itself.
+    // A name alone removes a header that the library sends by itself.
     addHeader("Accept:");
     addHeader("Expect:");
     if (m_request.encoding == Encoding::Identity)
@@ -182,7 +182,7 @@ void Transfer::setHeaders()
     for (const auto& [name, value] : m_request.headers) {
         QByteArray line = value;
         line.removeIf([](char c) { return c == '\r' || c == '\n' || c == '\0'; });
-        // A name and a colon alone would take a header away.
+        // A name and a colon alone would remove a header.
         addHeader(name + (line.trimmed().isEmpty() ? QByteArray(";") : ": " + line));
         typed = typed || name.compare("Content-Type", Qt::CaseInsensitive) == 0;
     }
@@ -216,7 +216,7 @@ bool Transfer::setProxy()
     const std::optional<QNetworkProxy> proxy = proxyFor(m_request.url);
     if (!proxy)
         return false;
-    // Set in any case: unset, the library reads variables of the environment by rules of its own.
+    // Set in any case: the library would otherwise read variables of the environment by its own rules.
     const QByteArray address = addressOf(*proxy);
     m_throughProxy = !address.isEmpty();
     set(CURLOPT_PROXY, address.constData());

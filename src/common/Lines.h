@@ -1,12 +1,12 @@
-// The lines of a text, one after the other and without a copy, so that a text of nothing but line feeds costs
-// no more than its length.
+// The lines of a text, one after the other and without a copy. A text of line feeds alone costs no more than
+// its length.
 #pragma once
 
 #include <QByteArrayView>
 
 namespace tarn {
 
-/// The first line of @p rest without its line feed; @p rest is left with what is behind that.
+/// Takes the first line and its line feed off @p rest. Returns the line without the line feed.
 inline QByteArrayView takeLine(QByteArrayView& rest)
 {
     const qsizetype end = rest.indexOf('\n');

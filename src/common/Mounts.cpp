@@ -17,13 +17,13 @@ namespace tarn::system {
 
 namespace {
 
-/// Nothing with a longer path can be asked for its size (PATH_MAX, with the NUL behind it).
+/// The longest path that statvfs(3) takes: PATH_MAX without its NUL.
 constexpr qsizetype kMaxFolderBytes = 4'095;
 
-/// More tags than this on a mount make the line none.
+/// A line with more tags than this is passed over.
 constexpr int kMaxTags = 64;
 
-/// Blanks, line feeds and backslashes are written as three octal digits: "\040".
+/// The kernel writes blanks, line feeds and backslashes as a backslash and three octal digits: "\040".
 QByteArray unescaped(QByteArrayView text)
 {
     const auto digit = [text](qsizetype at) {
@@ -44,7 +44,7 @@ QByteArray unescaped(QByteArrayView text)
     return plain;
 }
 
-/// The next field of @p rest, which is left with what is behind it; nothing at the end.
+/// Takes the next field off @p rest. Nothing at the end of the line.
 std::optional<QByteArrayView> takeField(std::optional<QByteArrayView>& rest)
 {
     if (!rest)
@@ -69,7 +69,7 @@ std::optional<Mount> parseLine(QByteArrayView line)
     std::array<QByteArrayView, 6> fields;
     for (QByteArrayView& field : fields)
         field = takeField(rest).value_or(QByteArrayView());
-    // Tags, of which the kernel has four, stand before the dash.
+    // Tags stand before the dash. The kernel has four of them.
     std::optional<QByteArrayView> tag = takeField(rest);
     for (int tags = 0; tag && *tag != "-"; ++tags) {
         if (tags == kMaxTags)
@@ -88,7 +88,7 @@ std::optional<Mount> parseLine(QByteArrayView line)
     return Mount{*id, *parent, std::move(folder), unescaped(*type), unescaped(*device)};
 }
 
-/// The mounts of one table, by what they are mounted in and where.
+/// The mounts of one table, by the mount and the folder at which each is mounted.
 class Tree
 {
 public:
@@ -107,8 +107,8 @@ public:
     }
 
 private:
-    /// True unless it, or one that it is in, is below a folder that has been covered. What is found holds for
-    /// all that were asked about on the way: each mount of a table is looked at once.
+    /// False when @p mount, or a mount that it is in, is below a folder that another mount covers. The result
+    /// is stored for every mount on the way, so that each is looked at once.
     bool isReachable(const Mount& mount)
     {
         QList<qint64> way;
@@ -119,7 +119,7 @@ private:
                 found = *known;
                 break;
             }
-            // For now: the table is read in pieces, and could so make a circle.
+            // An answer for now. The table is read in pieces, which can make a circle.
             m_reachable.insert(inner.id, true);
             way.append(inner.id);
             const auto outer = m_parents.constFind(inner.parent);
@@ -135,7 +135,7 @@ private:
         return *found;
     }
 
-    /// True when what @p mount is in has later been covered at a folder above it.
+    /// True when another mount in the same parent covers a folder above that of @p mount.
     bool isBelowAnother(const Mount& mount) const
     {
         QByteArray above = mount.folder;

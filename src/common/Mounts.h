@@ -1,5 +1,5 @@
-// The mount table, and the sizes of what is mounted. The parser is a function of the text alone; the sizes
-// are asked for in threads, since a mount whose server is gone answers nobody.
+// The mount table, and the sizes of what is mounted. The parser is a function of the text alone. Threads ask
+// for the sizes, since a mount whose server is gone never answers.
 #pragma once
 
 #include <QByteArray>
@@ -32,8 +32,8 @@ struct Mount
 ///     id parent device  root folder          options    tags...    type device    options
 QList<Mount> parseMountInfo(const QByteArray& text);
 
-/// Those of @p mounts that a path leads to, in their order. A mount that another one covers, at the same
-/// folder or at one above, is left out. No folder is there twice.
+/// The mounts that a path can reach, in the order of @p mounts. A mount is left out when another one covers
+/// its folder or a folder above. Each folder is listed once.
 QList<Mount> visibleMounts(const QList<Mount>& mounts);
 
 /// What a file system says of its size.
@@ -56,19 +56,19 @@ public:
 
     /// How long all mounts together may take.
     static constexpr std::chrono::milliseconds kLimit{1'000};
-    /// At a time, those that were left behind among them. Mounts that are too many for it are not asked.
+    /// Threads at a time, including those that were left behind. Further mounts are not asked.
     static constexpr std::size_t kMaxThreads = 256;
 
     /// @p ask is called in other threads, by several at a time, and may return after this object's end.
     explicit SpaceQuery(Ask ask = spaceOf, std::chrono::milliseconds limit = kLimit);
 
-    /// The space of each of @p mounts by its folder, without those that have failed or not answered. Blocks
-    /// for the limit at most. That a mount does not answer is logged once, and again only when it has
-    /// answered in between.
+    /// The space of each of @p mounts, by its folder. Mounts that fail or do not answer are left out. Blocks
+    /// for the limit at most. A mount that does not answer is logged once, and again only after it has
+    /// answered.
     QHash<QByteArray, Space> ask(const QList<Mount>& mounts);
 
 private:
-    /// What is mounted later at the same folder is another mount.
+    /// Id and folder: a later mount at the same folder has another id.
     using Key = std::pair<qint64, QByteArray>;
 
     /// False when there is no thread to be had.
@@ -77,8 +77,8 @@ private:
 
     Ask m_ask;
     std::chrono::milliseconds m_limit;
-    std::map<Key, std::future<std::optional<Space>>> m_asked; ///< and not heard of
-    std::set<Key> m_silent;                                   ///< as the log says
+    std::map<Key, std::future<std::optional<Space>>> m_asked; ///< threads that have not answered
+    std::set<Key> m_silent;                                   ///< mounts that were logged as silent
 };
 
 } // namespace tarn::system

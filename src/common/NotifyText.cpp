@@ -20,7 +20,7 @@ constexpr qsizetype kExcerptCharacters = 300;
 
 QString duration(qint64 seconds)
 {
-    // "1 days" is what is wanted.
+    // The wording "1 days" is intended.
     if (seconds >= kDay) {
         return u"%1 days %2 h"_s.arg(QString::number(seconds / kDay),
                                      QString::number(seconds % kDay / kHour));

@@ -24,27 +24,26 @@ namespace tarn::system {
 
 namespace {
 
-/// File systems that live in memory, are images that are full by nature, or show what other ones hold.
+/// File systems in memory, images that are always full, and views of other file systems.
 constexpr QByteArrayView kExcludedTypes[] = {
     "tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal", "fuse.gvfsd-fuse",
 };
 
-/// The initial file system, which shows on some machines, and folders that are mounted when somebody asks for
-/// them, their size included.
+/// The initial file system, which some machines list, and folders that a question for their size would mount.
 constexpr QByteArrayView kTypesNotAsked[] = {"rootfs", "autofs"};
 
 /// Folders of the kernel's own file systems, with what is below them.
 constexpr QByteArrayView kKernelFolders[] = {"/dev", "/proc", "/sys", "/var/run", "/var/lock"};
 
-/// For systemctl to write everything and end.
+/// The time in which systemctl has to write everything and end.
 constexpr int kTotalMs = 5'000;
-/// For it to die when it is killed.
+/// The time in which a killed systemctl has to end.
 constexpr int kKillMs = 1'000;
 
 /// The most of systemctl's output that is read. A unit takes some 200 bytes.
 constexpr qsizetype kMaxOutputBytes = 1'048'576;
 
-/// Longer texts are neither numbers nor times nor states that are looked for.
+/// The numbers, times and states that are looked for are shorter.
 constexpr qsizetype kMaxShortValueBytes = 64;
 
 bool isExcluded(QByteArrayView type, const QString& folder)
@@ -63,7 +62,7 @@ bool isBelow(const QByteArray& folder, QByteArrayView parent)
     return folder.startsWith(parent) && (folder.size() == parent.size() || folder.at(parent.size()) == '/');
 }
 
-/// Whether a mount is asked at all. A mount that is not listed must not hold anything up.
+/// True when a mount is to be asked for its size. A mount that is not listed must not hold anything up.
 bool isAsked(const Mount& mount)
 {
     return std::ranges::find(kTypesNotAsked, mount.type) == std::end(kTypesNotAsked)
@@ -93,8 +92,8 @@ void dispose(std::unique_ptr<QProcess> process)
     process->kill();
     if (process->waitForFinished(kKillMs))
         return;
-    // A process that the kernel holds dies when it is let go. Until then the event loop looks after it: the
-    // destructor would complain and wait.
+    // The kernel can hold a killed process for some time. The event loop deletes the object afterwards: its
+    // destructor would log a warning and wait.
     QObject::connect(process.get(), &QProcess::finished, process.get(), &QObject::deleteLater);
     [[maybe_unused]] const QProcess* dying = process.release();
 }
@@ -106,8 +105,8 @@ bool isSpace(char c)
 
 bool isBlank(QByteArrayView line)
 {
-    // In pieces without an early end, which the compiler turns into vector instructions: a long line of
-    // blanks costs little more than the search for "=" in any other.
+    // The inner loop has no early end, so that the compiler makes vector instructions of it. A long line of
+    // blanks then costs little more than the search for "=" in any other.
     constexpr qsizetype pieceBytes = 64;
     for (; line.size() >= pieceBytes; line = line.sliced(pieceBytes)) {
         const char* const piece = line.data();
@@ -120,7 +119,7 @@ bool isBlank(QByteArrayView line)
     return std::all_of(line.begin(), line.end(), isSpace);
 }
 
-/// What is in front of the first blank of @p rest, which is left with what is behind it.
+/// Takes the first word off @p rest.
 QByteArrayView takeWord(QByteArrayView& rest)
 {
     const qsizetype blank = rest.indexOf(' ');
@@ -163,7 +162,7 @@ std::optional<qint64> parseTimestamp(QByteArrayView text)
     return at.isValid() ? std::optional(at.toSecsSinceEpoch()) : std::nullopt;
 }
 
-/// @p value, with blanks around it or not, as a short one; empty when it is long.
+/// @p value without the blanks around it; empty when it has more than kMaxShortValueBytes.
 QByteArrayView shortValue(QByteArrayView value)
 {
     return value.size() > kMaxShortValueBytes ? QByteArrayView() : value.trimmed();
@@ -181,7 +180,7 @@ void addProperty(QJsonObject& service, QByteArrayView key, QByteArrayView value)
         if (const std::optional<qint64> since = parseTimestamp(shortValue(value)))
             service.insert(u"since"_s, *since);
     } else if (key == "MemoryCurrent") {
-        // "[not set]" and 2^64 - 1 stand for an unknown one.
+        // "[not set]" and 2^64 - 1 stand for an unknown memory use.
         service.insert(u"memory"_s, shortValue(value).toLongLong());
     }
 }
@@ -247,8 +246,8 @@ QJsonArray serviceStatus(const QStringList& names)
     if (names.isEmpty())
         return {};
     auto process = std::make_unique<QProcess>();
-    // systemctl's complaints would end up in our log. It inherits our environment, and with TZ the zone in
-    // which its times are read.
+    // systemctl's error messages would end up in the collector's log. It inherits the environment: it writes
+    // times in the zone of TZ, in which they are read.
     process->setStandardErrorFile(QProcess::nullDevice());
     process->setStandardInputFile(QProcess::nullDevice());
     process->start(u"systemctl"_s,

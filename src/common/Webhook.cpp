@@ -57,7 +57,7 @@ WebhookPayload ntfyPayload(const Config& config, const Message& message, const N
     return payload;
 }
 
-/// By hand, since the order of the members is promised and Qt's objects sort them.
+/// Written by hand: the order of the members is fixed, and Qt's objects sort them.
 QByteArray genericBody(const Config& config, const Message& message, const Notice& notice)
 {
     return "{\"title\":" + quoted(notice.title) + ",\"message\":" + quoted(notice.body)
@@ -85,7 +85,7 @@ http::Request requestFor(const QUrl& address, const WebhookPayload& payload)
     http::Request request{.method = http::Method::Post, .url = address, .body = payload.body};
     request.headers.append({"Content-Type", payload.contentType});
     request.headers += payload.headers;
-    // Sent unasked: after a 401 the body would have to be sent again.
+    // Sent with the first request: after a 401 the body would have to be sent again.
     if (!address.userName().isEmpty())
         request.headers.append({"Authorization", "Basic " + basicCredentials(address)});
     return request;
