@@ -54,11 +54,6 @@ const QUrl kTokenUrl(u"https://oauth2.googleapis.com/token"_s);
 const QUrl kRevokeUrl(u"https://oauth2.googleapis.com/revoke"_s);
 const auto kApi = u"https://www.googleapis.com/webmasters/v3/sites"_s;
 
-const auto kSites = u"SELECT p.site_id, p.property, s.host, (SELECT max(day) FROM tarn.search_days d  "
-                    "WHERE d.site_id = p.site_id AND d.engine = 'google') FROM tarn.search_properties p JOIN "
-                    "tarn.sites s ON s.id = p.site_id "
-                    "WHERE p.engine = 'google' ORDER BY s.host"_s;
-
 /// The outcome of an exchange over HTTP.
 struct Reply
 {
@@ -149,15 +144,14 @@ QByteArray form(const QList<QPair<QString, QString>>& items)
 
 QString storedRefreshToken()
 {
-    QSqlQuery query = run(u"SELECT refresh_token FROM tarn.engine_accounts WHERE engine = 'google'"_s);
+    QSqlQuery query = run(kRefreshTokenQuery);
     return query.next() ? query.value(0).toString() : QString();
 }
 
 /// Notes how a synchronisation ended, for the panel.
 void record(const QString& result)
 {
-    run(u"UPDATE tarn.engine_accounts SET last_sync_at = now(), last_result = ? WHERE engine = 'google'"_s,
-        {result});
+    run(kResultStorage, {result});
 }
 
 /// The account of an ID token ("header.payload.signature", each in URL-safe base64); empty when it cannot be
@@ -220,14 +214,13 @@ QString mapProperties(const QString& accessToken)
     if (!haveDatabase())
         return kDatabaseLost;
     const QHash<QString, QString> best = bestProperties(reply.json.value(u"siteEntry"_s).toArray());
-    QSqlQuery sites = run(u"SELECT id, host FROM tarn.sites"_s);
+    QSqlQuery sites = run(kSiteHostsQuery);
     while (sites.next()) {
         const QString property = propertyFor(best, sites.value(1).toString());
         if (property.isEmpty())
             continue;
         QSqlQuery query;
-        query.prepare(u"INSERT INTO tarn.search_properties VALUES (?, 'google', ?) "
-                      "ON CONFLICT (site_id, engine) DO UPDATE SET property = excluded.property"_s);
+        query.prepare(kPropertyStorage);
         query.addBindValue(sites.value(0).toInt());
         query.addBindValue(db::storable(property));
         if (!db::exec(query) && databaseIsLost())
@@ -329,7 +322,7 @@ QString syncSite(const QString& token, const Site& site)
 std::optional<QList<Site>> mappedSites()
 {
     QList<Site> sites;
-    QSqlQuery query = run(kSites);
+    QSqlQuery query = run(kMappedSitesQuery);
     if (!query.isActive())
         return std::nullopt;
     while (query.next()) {
@@ -409,10 +402,7 @@ QString connect(const Client& client, const QString& code)
 
     const bool stored = [&] {
         QSqlQuery query;
-        query.prepare(u"INSERT INTO tarn.engine_accounts (engine, account_email, refresh_token) "
-                      "VALUES ('google', ?, ?) ON CONFLICT (engine) DO UPDATE SET account_email = "
-                      "excluded.account_email, refresh_token = excluded.refresh_token, connected_at = now(), "
-                      "last_result = NULL"_s);
+        query.prepare(kConnectionStorage);
         query.addBindValue(db::storable(emailOf(reply.json.value(u"id_token"_s).toString())));
         query.addBindValue(db::storable(refresh));
         return db::execSecret(query);
@@ -434,8 +424,8 @@ void disconnect()
              kFormType, {});
         haveDatabase();
     }
-    run(u"DELETE FROM tarn.search_properties WHERE engine = 'google'"_s);
-    run(u"DELETE FROM tarn.engine_accounts WHERE engine = 'google'"_s);
+    run(kMappingDeletion);
+    run(kConnectionDeletion);
 }
 
 QString sync(const Client& client)

@@ -57,4 +57,33 @@ QString sync(const Client& client);
 /// stored.
 Window windowFor(QDate lastStored, QDate today);
 
+/// Id, property, host and last stored day of each mapped site.
+inline const QString kMappedSitesQuery = QStringLiteral(
+    "SELECT p.site_id, p.property, s.host, (SELECT max(day) FROM tarn.search_days d  WHERE d.site_id "
+    "= p.site_id AND d.engine = 'google') FROM tarn.search_properties p JOIN tarn.sites s ON s.id = "
+    "p.site_id WHERE p.engine = 'google' ORDER BY s.host");
+/// The refresh token of the connection.
+inline const QString kRefreshTokenQuery =
+    QStringLiteral("SELECT refresh_token FROM tarn.engine_accounts WHERE engine = 'google'");
+/// Notes how a synchronisation ended: the line that sync() returns.
+inline const QString kResultStorage = QStringLiteral(
+    "UPDATE tarn.engine_accounts SET last_sync_at = now(), last_result = ? WHERE engine = 'google'");
+/// All sites, mapped or not.
+inline const QString kSiteHostsQuery = QStringLiteral("SELECT id, host FROM tarn.sites");
+/// Maps a site to a property: its id and the property.
+inline const QString kPropertyStorage = QStringLiteral(
+    "INSERT INTO tarn.search_properties VALUES (?, 'google', ?) ON CONFLICT (site_id, engine) DO "
+    "UPDATE SET property = excluded.property");
+/// Stores the connection: its account and refresh token.
+inline const QString kConnectionStorage = QStringLiteral(
+    "INSERT INTO tarn.engine_accounts (engine, account_email, refresh_token) VALUES ('google', ?, ?) "
+    "ON CONFLICT (engine) DO UPDATE SET account_email = excluded.account_email, refresh_token = "
+    "excluded.refresh_token, connected_at = now(), last_result = NULL");
+/// Forgets the mapping.
+inline const QString kMappingDeletion =
+    QStringLiteral("DELETE FROM tarn.search_properties WHERE engine = 'google'");
+/// Forgets the connection.
+inline const QString kConnectionDeletion =
+    QStringLiteral("DELETE FROM tarn.engine_accounts WHERE engine = 'google'");
+
 } // namespace tarn::analytics::google

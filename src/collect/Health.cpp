@@ -26,10 +26,6 @@ namespace {
 /// Samples in a row that open an alert of the host, and close it.
 constexpr int kSamples = 3;
 
-const auto kTransactions = u"SELECT sum(xact_commit + xact_rollback) FROM pg_stat_database"_s;
-const auto kConnections = u"SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend'"_s;
-const auto kPrune = u"DELETE FROM tarn.host_samples WHERE at < now() - interval '30 days'"_s;
-
 /// False once a statement has found that the session is gone. Qt has a warning of its own for each further
 /// one.
 bool haveSession()
@@ -63,7 +59,7 @@ void prune()
     if (!haveSession())
         return;
     QSqlQuery query;
-    query.exec(kPrune);
+    query.exec(kSamplePruning);
 }
 
 /// The processors that the load average is over: all that are running, including those that this process may
@@ -93,7 +89,7 @@ Health::Health(const QSettings& settings)
 Health::Counters Health::read() const
 {
     Counters now = readHostCounters();
-    now.pgXacts = count(kTransactions);
+    now.pgXacts = count(kTransactionsQuery);
     if (!m_apacheStatusUrl.isEmpty()) {
         const ApacheStatus status = parseApacheStatus(fetchStatusPage(m_apacheStatusUrl));
         now.apache = status.found;
@@ -117,7 +113,7 @@ void Health::sample()
     // A lost session is noticed, and closed, during the wait for Apache.
     const bool isConnected = db::ensure(false);
     HostFigures host = readHostFigures();
-    host.pgConnections = static_cast<int>(count(kConnections));
+    host.pgConnections = static_cast<int>(count(kClientsQuery));
     store(sampleValues(m_prev, current, host));
     m_prev = current;
     prune();

@@ -86,4 +86,14 @@ private:
     bool m_sampling = false;
 };
 
+/// Transactions of all databases of the server so far.
+inline const QString kTransactionsQuery =
+    QStringLiteral("SELECT sum(xact_commit + xact_rollback) FROM pg_stat_database");
+/// Client sessions of the database server.
+inline const QString kClientsQuery =
+    QStringLiteral("SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend'");
+/// Deletes the samples that are older than 30 days.
+inline const QString kSamplePruning =
+    QStringLiteral("DELETE FROM tarn.host_samples WHERE at < now() - interval '30 days'");
+
 } // namespace tarn

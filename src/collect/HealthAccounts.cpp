@@ -43,21 +43,6 @@ constexpr int kSwitchMs = 15'000;
 /// Measurements in a row that open an alert, and close it. They are 15 minutes apart by default.
 constexpr int kMeasurements = 1;
 
-const auto kAccounts =
-    u"SELECT a.username, a.domain, a.disk_limit_mb, a.db_limit_mb, "
-    u"EXISTS (SELECT 1 FROM pg_db_role_setting s JOIN pg_database d ON d.oid = s.setdatabase         "
-    u"WHERE d.datname = a.username AND s.setrole = 0           "
-    u"AND 'default_transaction_read_only=on' = ANY (s.setconfig)), "
-    u"(SELECT pg_database_size(d.datname) FROM pg_database d WHERE d.datname = a.username) "
-    u"FROM tarn.accounts a"_s;
-const auto kStoreUsage =
-    u"UPDATE tarn.accounts SET disk_used_bytes = coalesce(?, disk_used_bytes), "
-    "disk_checked_at = CASE WHEN ? THEN now() ELSE disk_checked_at END, db_used_bytes = ? "
-    "WHERE username = ?"_s;
-const auto kMirrorReadOnly =
-    u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ? AND db_readonly <> ?"_s;
-const auto kStoreReadOnly = u"UPDATE tarn.accounts SET db_readonly = ? WHERE username = ?"_s;
-
 /// A size in bytes; nothing for another type or a number below 0.
 std::optional<qint64> bytesIn(const QJsonValue& value)
 {
@@ -75,7 +60,7 @@ QList<Account> readAccounts()
 {
     QList<Account> accounts;
     QSqlQuery query;
-    query.prepare(kAccounts);
+    query.prepare(kAccountsQuery);
     if (!db::exec(query))
         return accounts;
     while (query.next()) {
@@ -100,7 +85,7 @@ QVariant orNull(std::optional<qint64> value)
 void storeUsage(const Account& account, std::optional<qint64> diskBytes)
 {
     QSqlQuery query;
-    query.prepare(kStoreUsage);
+    query.prepare(kUsageStorage);
     query.addBindValue(orNull(diskBytes));
     query.addBindValue(diskBytes.has_value());
     query.addBindValue(orNull(account.databaseBytes));
@@ -111,7 +96,7 @@ void storeUsage(const Account& account, std::optional<qint64> diskBytes)
 void mirrorReadOnly(const QString& user, bool isReadOnly)
 {
     QSqlQuery query;
-    query.prepare(kMirrorReadOnly);
+    query.prepare(kReadOnlyMirror);
     query.addBindValue(isReadOnly);
     query.addBindValue(user);
     query.addBindValue(isReadOnly);
@@ -121,7 +106,7 @@ void mirrorReadOnly(const QString& user, bool isReadOnly)
 void storeReadOnly(const QString& user, bool readOnly)
 {
     QSqlQuery query;
-    query.prepare(kStoreReadOnly);
+    query.prepare(kReadOnlyStorage);
     query.addBindValue(readOnly);
     query.addBindValue(user);
     db::exec(query);

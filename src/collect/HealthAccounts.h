@@ -48,4 +48,22 @@ private:
     std::shared_ptr<HealthAccounts*> m_self; ///< ends with this object, which an answer may outlive
 };
 
+/// The accounts with the limits, the state and the size of their databases.
+inline const QString kAccountsQuery = QStringLiteral(
+    "SELECT a.username, a.domain, a.disk_limit_mb, a.db_limit_mb, EXISTS (SELECT 1 FROM "
+    "pg_db_role_setting s JOIN pg_database d ON d.oid = s.setdatabase         WHERE d.datname = "
+    "a.username AND s.setrole = 0           AND 'default_transaction_read_only=on' = ANY "
+    "(s.setconfig)), (SELECT pg_database_size(d.datname) FROM pg_database d WHERE d.datname = "
+    "a.username) FROM tarn.accounts a");
+/// Bytes of the home or NULL, whether they were measured, bytes of the database, and the account.
+inline const QString kUsageStorage = QStringLiteral(
+    "UPDATE tarn.accounts SET disk_used_bytes = coalesce(?, disk_used_bytes), disk_checked_at = CASE "
+    "WHEN ? THEN now() ELSE disk_checked_at END, db_used_bytes = ? WHERE username = ?");
+/// Notes the state of a database where it differs: state, account, state.
+inline const QString kReadOnlyMirror =
+    QStringLiteral("UPDATE tarn.accounts SET db_readonly = ? WHERE username = ? AND db_readonly <> ?");
+/// Notes the state of a database: state, account.
+inline const QString kReadOnlyStorage =
+    QStringLiteral("UPDATE tarn.accounts SET db_readonly = ? WHERE username = ?");
+
 } // namespace tarn

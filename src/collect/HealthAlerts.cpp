@@ -16,14 +16,6 @@ namespace tarn {
 
 namespace {
 
-const auto kOpen =
-    u"INSERT INTO tarn.alerts (kind, subject, message) VALUES (?, ?, ?) ON CONFLICT DO NOTHING"_s;
-const auto kClose =
-    u"UPDATE tarn.alerts SET closed_at = now() WHERE kind = ? AND subject = ? AND closed_at IS NULL "
-    "RETURNING message, extract(epoch FROM closed_at - opened_at)::bigint"_s;
-const auto kRefresh =
-    u"UPDATE tarn.alerts SET message = ? WHERE kind = ? AND subject = ? AND closed_at IS NULL"_s;
-
 // Each of these ends its query before it returns. The session can be lost and opened anew while a message is
 // delivered, and a prepared query must not live on into the new session.
 
@@ -31,7 +23,7 @@ const auto kRefresh =
 bool openAlert(const QString& kind, const QString& subject, const QString& text)
 {
     QSqlQuery query;
-    query.prepare(kOpen);
+    query.prepare(kAlertOpening);
     query.addBindValue(kind);
     query.addBindValue(subject);
     query.addBindValue(text);
@@ -48,7 +40,7 @@ struct ClosedAlert
 std::optional<ClosedAlert> closeAlert(const QString& kind, const QString& subject)
 {
     QSqlQuery query;
-    query.prepare(kClose);
+    query.prepare(kAlertClosing);
     query.addBindValue(kind);
     query.addBindValue(subject);
     if (!db::exec(query) || !query.next())
@@ -59,7 +51,7 @@ std::optional<ClosedAlert> closeAlert(const QString& kind, const QString& subjec
 void refreshAlert(const QString& kind, const QString& subject, const QString& text)
 {
     QSqlQuery query;
-    query.prepare(kRefresh);
+    query.prepare(kAlertRefresh);
     query.addBindValue(text);
     query.addBindValue(kind);
     query.addBindValue(subject);

@@ -33,4 +33,15 @@ private:
     const notify::Config& m_config;
 };
 
+/// Opens an alert: kind, subject and text. Adds no row when one is open already.
+inline const QString kAlertOpening = QStringLiteral(
+    "INSERT INTO tarn.alerts (kind, subject, message) VALUES (?, ?, ?) ON CONFLICT DO NOTHING");
+/// The text, kind and subject of an open alert.
+inline const QString kAlertRefresh =
+    QStringLiteral("UPDATE tarn.alerts SET message = ? WHERE kind = ? AND subject = ? AND closed_at IS NULL");
+/// Closes the alert of a kind and a subject; answers with its text and its seconds.
+inline const QString kAlertClosing = QStringLiteral(
+    "UPDATE tarn.alerts SET closed_at = now() WHERE kind = ? AND subject = ? AND closed_at IS NULL "
+    "RETURNING message, extract(epoch FROM closed_at - opened_at)::bigint");
+
 } // namespace tarn

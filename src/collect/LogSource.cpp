@@ -17,12 +17,6 @@ namespace tarn {
 
 namespace {
 
-const auto kSources =
-    u"SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l "
-    "JOIN tarn.sites s ON s.id = l.site_id"_s;
-const auto kStorePlace =
-    u"UPDATE tarn.log_sources SET inode = ?, read_offset = ?, updated_at = now() WHERE id = ?"_s;
-
 LogFile asLogFile(const struct stat& status)
 {
     return {.inode = status.st_ino, .device = status.st_dev, .size = status.st_size};
@@ -50,7 +44,7 @@ QList<LogSource> logSources()
 {
     QList<LogSource> sources;
     QSqlQuery query;
-    db::exec(query, kSources);
+    db::exec(query, kLogSourcesQuery);
     while (query.next()) {
         LogSource source;
         source.id = query.value(0).toInt();
@@ -116,7 +110,7 @@ QList<QByteArray> linesOf(const QByteArray& data)
 bool storePlace(const LogSource& source, quint64 inode, qint64 offset)
 {
     QSqlQuery query;
-    query.prepare(kStorePlace);
+    query.prepare(kPlaceStorage);
     query.addBindValue(static_cast<qint64>(inode));
     query.addBindValue(offset);
     query.addBindValue(source.id);

@@ -111,4 +111,12 @@ private:
 /// cannot be read, overlong lines and lines that are no log entries are logged.
 void followLog(analytics::Ingest& ingest, LongLines& longLines, const LogSource& source);
 
+/// The rows of tarn.log_sources, in the order of the record.
+inline const QString kLogSourcesQuery = QStringLiteral(
+    "SELECT l.id, l.path, l.inode, l.read_offset, l.site_id, s.host FROM tarn.log_sources l JOIN "
+    "tarn.sites s ON s.id = l.site_id");
+/// Stores the place in a log: inode, next byte and the source's id.
+inline const QString kPlaceStorage =
+    QStringLiteral("UPDATE tarn.log_sources SET inode = ?, read_offset = ?, updated_at = now() WHERE id = ?");
+
 } // namespace tarn

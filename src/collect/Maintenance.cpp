@@ -14,10 +14,6 @@ namespace tarn {
 
 namespace {
 
-const auto kSites = u"SELECT id FROM tarn.sites"_s;
-const auto kRetention = u"SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'"_s;
-const auto kRemoval = u"DELETE FROM tarn.hits WHERE at < now() - make_interval(days => ?)"_s;
-
 } // namespace
 
 QSet<QDate> daysToRollUp(QDate today, bool isDailyDue)
@@ -31,7 +27,7 @@ QSet<QDate> daysToRollUp(QDate today, bool isDailyDue)
 bool rollUpSites(const QSet<QDate>& days)
 {
     QSqlQuery sites;
-    db::exec(sites, kSites);
+    db::exec(sites, kSiteIdsQuery);
     while (sites.next()) {
         if (!db::session().isOpen())
             return false;
@@ -43,11 +39,11 @@ bool rollUpSites(const QSet<QDate>& days)
 void removeOldHits()
 {
     QSqlQuery setting;
-    if (!db::exec(setting, kRetention) || !setting.next() || setting.value(0).toInt() <= 0)
+    if (!db::exec(setting, kRetentionQuery) || !setting.next() || setting.value(0).toInt() <= 0)
         return;
     const int days = setting.value(0).toInt();
     QSqlQuery removal;
-    removal.prepare(kRemoval);
+    removal.prepare(kOldHitDeletion);
     removal.addBindValue(days);
     db::exec(removal);
     qInfo("collect: removed %d raw hits older than %d days", removal.numRowsAffected(), days);

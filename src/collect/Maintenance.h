@@ -4,6 +4,7 @@
 
 #include <QDate>
 #include <QSet>
+#include <QString>
 
 namespace tarn {
 
@@ -38,5 +39,14 @@ void removeOldHits();
 /// Loads the country table if it is not this month's, and logs the result. Logs as well when @p ingest gives
 /// hits no countries before a restart. Waits for DB-IP, for six hours at most.
 void updateCountries(const analytics::Ingest& ingest);
+
+/// All sites.
+inline const QString kSiteIdsQuery = QStringLiteral("SELECT id FROM tarn.sites");
+/// The days for which hits are kept.
+inline const QString kRetentionQuery =
+    QStringLiteral("SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'");
+/// Deletes the hits that are older than a number of days.
+inline const QString kOldHitDeletion =
+    QStringLiteral("DELETE FROM tarn.hits WHERE at < now() - make_interval(days => ?)");
 
 } // namespace tarn
