@@ -4,6 +4,7 @@
 #include "collect/HostSample.h"
 #include "collect/StatusPage.h"
 #include "common/Db.h"
+#include "common/Settings.h"
 #include "common/System.h"
 
 #include <QJsonArray>
@@ -62,6 +63,16 @@ void prune()
     query.exec(kSamplePruning);
 }
 
+QString textOf(const QSettings& settings, const Setting& setting)
+{
+    return settingValue(settings, setting).toString();
+}
+
+double numberOf(const QSettings& settings, const Setting& setting)
+{
+    return settingValue(settings, setting).toDouble();
+}
+
 /// The processors that the load average is over: all that are running, including those that this process may
 /// not use.
 int processors()
@@ -73,16 +84,16 @@ int processors()
 
 Health::Health(const QSettings& settings)
     : m_services(system::monitoredServices(settings))
-    , m_agentSocket(settings.value(u"agent/socket"_s, u"/run/tarnhold/agent.sock"_s).toString())
+    , m_agentSocket(textOf(settings, settingOf(kHealthSettings, "agent/socket")))
     , m_notify(notify::load(settings))
-    , m_enforceDbLimit(settings.value(u"hosting/db_limit_read_only"_s, true).toBool())
-    , m_apacheStatusUrl(
-          settings.value(u"health/apache_status_url"_s, u"http://127.0.0.1/server-status?auto"_s).toString())
-    , m_diskPct(settings.value(u"health/disk_alert_pct"_s, 90).toDouble())
-    , m_memPct(settings.value(u"health/memory_alert_pct"_s, 90).toDouble())
-    , m_loadPerCpu(settings.value(u"health/load_alert_per_cpu"_s, 2).toDouble())
-    , m_tempC(settings.value(u"health/temperature_alert_c"_s, 85).toDouble())
-    , m_apacheBusyPct(settings.value(u"health/apache_busy_alert_pct"_s, 90).toDouble())
+    , m_enforceDbLimit(
+          settingValue(settings, settingOf(kHealthSettings, "hosting/db_limit_read_only")).toBool())
+    , m_apacheStatusUrl(textOf(settings, settingOf(kHealthSettings, "health/apache_status_url")))
+    , m_diskPct(numberOf(settings, settingOf(kHealthSettings, "health/disk_alert_pct")))
+    , m_memPct(numberOf(settings, settingOf(kHealthSettings, "health/memory_alert_pct")))
+    , m_loadPerCpu(numberOf(settings, settingOf(kHealthSettings, "health/load_alert_per_cpu")))
+    , m_tempC(numberOf(settings, settingOf(kHealthSettings, "health/temperature_alert_c")))
+    , m_apacheBusyPct(numberOf(settings, settingOf(kHealthSettings, "health/apache_busy_alert_pct")))
 {
 }
 

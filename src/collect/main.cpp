@@ -6,6 +6,7 @@
 #include "collect/LogSource.h"
 #include "collect/LongJobs.h"
 #include "collect/Maintenance.h"
+#include "collect/Timetable.h"
 #include "common/Config.h"
 #include "common/Db.h"
 #include "common/Log.h"
@@ -16,25 +17,14 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlDriver>
-#include <QTimer>
-
-#include <algorithm>
-#include <chrono>
-#include <functional>
-#include <limits>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using analytics::Ingest;
-using std::chrono::milliseconds;
-using std::chrono::minutes;
-using std::chrono::seconds;
 
 namespace {
 
 constexpr int kSchemaVersion = 11;
-constexpr auto kLogInterval = seconds(2);
-constexpr auto kMaintenanceInterval = seconds(30);
 
 /// Feeds what has been appended to the sites' access logs to @p ingest.
 void followLogs(Ingest& ingest, LongLines& longLines)
@@ -95,71 +85,58 @@ void handleNotification(const QString& channel, LongJobs& longJobs, Health& heal
     }
 }
 
-/// An interval setting, cut to the 2^31 - 1 milliseconds that a timer can take.
-milliseconds interval(seconds wanted)
+/// What the tables of the statistics must hold before the first line of a log. False, said in the log, when
+/// they are missing.
+bool initialise(Ingest& ingest)
 {
-    constexpr milliseconds longest(std::numeric_limits<int>::max());
-    return std::min(milliseconds(wanted), longest);
+    // The database server can have restarted during the first sample's wait for Apache.
+    db::ensure(false);
+    if (ingest.init())
+        return true;
+    qCritical("analytics tables are missing; run tarn-admin migrate");
+    return false;
 }
 
-/// Runs @p job now, and has @p timer run it as long as the process lives. The timer's runs are left out while
-/// the database cannot be reached.
-void start(QTimer& timer, milliseconds period, const std::function<void()>& job)
+/// Has the requests of the suite's other programs served from now on.
+void takeRequests(LongJobs& longJobs, Health& health)
 {
-    QObject::connect(&timer, &QTimer::timeout, &timer, [job] {
-        if (db::ensure(false))
-            job();
-    });
-    timer.start(period);
-    job();
+    listen();
+    QObject::connect(
+        db::session().driver(), &QSqlDriver::notification, &longJobs,
+        [&longJobs, &health](const QString& channel) { handleNotification(channel, longJobs, health); });
 }
 
 /// The jobs from the first sample on. Returns the exit status of the process.
 int run(const QSettings& settings)
 {
-    const auto setting = [&settings](const QString& key, int standard) {
-        return settings.value(key, standard).toInt();
-    };
-    const seconds healthInterval(setting(u"collect/interval_seconds"_s, 30));
-    const minutes usageInterval(setting(u"hosting/usage_minutes"_s, 15));
-    QTimer healthTimer;
-    QTimer logTimer;
-    QTimer usageTimer;
-    QTimer maintenanceTimer;
-
-    Health health(settings);
-    start(healthTimer, interval(healthInterval), [&] { health.sample(); });
-
-    // The database server can have restarted during that sample's wait for Apache.
-    db::ensure(false);
-    Ingest ingest;
-    if (!ingest.init()) {
-        qCritical("analytics tables are missing; run tarn-admin migrate");
-        return 1;
-    }
-    LongLines longLines;
-    start(logTimer, kLogInterval, [&] { followLogs(ingest, longLines); });
-
+    const auto isReady = [] { return db::ensure(false); };
     const analytics::google::Client google = analytics::google::clientFrom(settings);
+    const Periods periods = periodsFrom(settings);
+    Health health(settings);
+    Ingest ingest;
+    LongLines longLines;
+    DailyMark mark;
     LongJobs longJobs(
         {
             {LongJob::RemoveOldHits,   [] { removeOldHits(); }               },
             {LongJob::SyncSearch,      [&google] { syncSearch(google); }     },
             {LongJob::UpdateCountries, [&ingest] { updateCountries(ingest); }},
     },
-        [] { return db::ensure(false); });
-    listen();
-    QObject::connect(db::session().driver(), &QSqlDriver::notification, &longJobs,
-                     [&](const QString& channel) { handleNotification(channel, longJobs, health); });
+        isReady);
 
-    start(usageTimer, interval(usageInterval), [&] { health.measureAccounts(); });
-
-    DailyMark mark;
-    start(maintenanceTimer, kMaintenanceInterval, [&] {
-        listen();
-        maintain(mark, longJobs);
-    });
-    return QCoreApplication::exec();
+    // clang-format off
+    Timetable timetable({
+        {.name = "samples", .period = periods.samples, .prepare = {},
+         .job = [&] { health.sample(); }},
+        {.name = "logs", .period = periods.logs, .prepare = [&] { return initialise(ingest); },
+         .job = [&] { followLogs(ingest, longLines); }},
+        {.name = "accounts", .period = periods.accounts, .prepare = [&] { takeRequests(longJobs, health); return true; },
+         .job = [&] { health.measureAccounts(); }},
+        {.name = "maintenance", .period = periods.maintenance, .prepare = {},
+         .job = [&] { listen(); maintain(mark, longJobs); }},
+    }, isReady);
+    // clang-format on
+    return timetable.start() ? QCoreApplication::exec() : 1;
 }
 
 } // namespace
