@@ -210,6 +210,15 @@ private Q_SLOTS:
         QCOMPARE(connectNow(), u""_s);
     }
 
+    /// Its characters are bytes of a header.
+    void theAccessTokenIsSentInLatin1()
+    {
+        m_hosts.expect(exchangeRequest(), json("{'refresh_token':'1//refresh+&=%','access_token':"
+                                               "'ya29.\\u00fc'}"));
+        m_hosts.expect("GET " + kSitesUrl + "\nAuthorization: Bearer ya29.\xfc\n\n", noProperties());
+        QCOMPARE(connectNow(), u""_s);
+    }
+
     void withoutAnAccessTokenNoneIsSent()
     {
         m_hosts.expect(exchangeRequest(), json("{'refresh_token':'1//refresh+&=%'}"));

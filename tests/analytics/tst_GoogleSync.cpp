@@ -163,6 +163,20 @@ private Q_SLOTS:
         QCOMPARE(days, QByteArrayList({expected, expected}));
     }
 
+    /// In a zone in which another day has begun, or the day before is not over.
+    void todayIsTheLocalDay()
+    {
+        const int hour = QDateTime::currentDateTimeUtc().time().hour();
+        const Zone zone("<test>" + QByteArray::number(hour < 12 ? hour + 2 : -13)); // hours west
+        QVERIFY(QDate::currentDate() != QDateTime::currentDateTimeUtc().date());
+        haveConnection();
+        haveSite(1, u"a.example.org"_s, u"sc-domain:a.example.org"_s);
+        expectStart();
+        m_hosts.expect(totalsRequest("sc-domain%3Aa.example.org"), json("{}"));
+        m_hosts.expect(pageRequest("sc-domain%3Aa.example.org"), json("{}"));
+        QCOMPARE(sync(), u"a.example.org: no new data"_s);
+    }
+
     void propertyReachesGoogleAsItIs_data()
     {
         QTest::addColumn<QString>("property");
