@@ -209,7 +209,12 @@ private Q_SLOTS:
         QVERIFY(waitUntilRunning());
         for (const QString& channel : {u"tarn_sync"_s, u"tarn_usage"_s, u"tarn_hits"_s, u"something"_s})
             run(u"NOTIFY "_s + channel);
-        QTest::qWait(300);
+        // The next pass over the logs comes after them.
+        const QString sent = test::value(m_database, u"SELECT clock_timestamp()"_s);
+        const auto passed =
+            u"SELECT count(*) FROM pg_stat_activity WHERE application_name = 'tarn-collect' AND "
+            "datname = current_database() AND query LIKE '%log_sources%' AND query_start > '%1'"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(test::value(m_database, passed.arg(sent)), u"1"_s, 20'000);
         QVERIFY(m_collector->isRunning());
         QCOMPARE(m_collector->log(), QStringList());
     }
