@@ -123,6 +123,19 @@ class SmallProject(unittest.TestCase):
         self.assertTrue(ended.stdout.endswith("\n1 hung, 1 survived\n"), ended.stdout)
         self.assertEqual((self.root / "src/Unit.cpp").read_text(), UNIT)
 
+    def test_all_programs_of_the_unit_are_run(self):
+        # What the first does not notice. The last is another unit's, and fails.
+        self.write("tests/tst_UnitEven.cpp", TEST.replace("upTo(3) == 4", "upTo(2) == 2"))
+        self.write("src/UnitOther.cpp", "")
+        self.write("tests/tst_UnitOther.cpp", "int main() { return 1; }\n")
+        self.write("CMakeLists.txt", PROJECT.replace("endif()", "".join(
+            f"    add_executable(tst_{name} src/Unit.cpp tests/tst_{name}.cpp)\n" for name in ["UnitEven", "UnitOther"]
+        ) + "endif()"))
+        ended = self.run_it("--lines", "8-8")
+        self.assertTrue(ended.stdout.endswith("\n1 killed\n"), ended.stdout + ended.stderr)
+        ended = self.run_it("--lines", "8-8", "--test", "tst_Unit")
+        self.assertTrue(ended.stdout.endswith("\n1 survived\n"), ended.stdout + ended.stderr)
+
     def test_a_test_that_fails_anyway_says_nothing(self):
         self.write("tests/tst_Unit.cpp", "int main() { return 1; }\n")
         ended = self.run_it("--lines", "8-9")
