@@ -525,6 +525,52 @@ CREATE OR REPLACE TRIGGER note_account_use AFTER UPDATE OF disk_used_bytes, db_u
     FOR EACH ROW EXECUTE FUNCTION tarn.note_account_use();
 
 
+-- Sites
+
+CREATE OR REPLACE FUNCTION tarn.add_site(host text, log_path text) RETURNS integer
+LANGUAGE plpgsql
+SET search_path = pg_catalog, pg_temp
+AS $$
+#variable_conflict use_column
+DECLARE
+    folded text := lower(add_site.host);
+    site integer;
+    refused text;
+BEGIN
+    IF folded IS NULL OR log_path IS NULL THEN
+        RAISE EXCEPTION 'a site wants a host and the path of its log'
+            USING ERRCODE = 'null_value_not_allowed',
+                  HINT = 'SELECT tarn.add_site(''example.org'', ''/var/log/apache2/example.org.log'')';
+    END IF;
+    -- Looked for first: an insert that conflicts uses up a number.
+    SELECT id INTO site FROM tarn.sites WHERE host = folded;
+    IF site IS NULL THEN
+        INSERT INTO tarn.sites (host) VALUES (folded) ON CONFLICT (host) DO UPDATE SET host = excluded.host
+        RETURNING id INTO site;
+    END IF;
+    IF NOT EXISTS (SELECT FROM tarn.log_sources WHERE site_id = site AND path = log_path) THEN
+        INSERT INTO tarn.log_sources (site_id, path) VALUES (site, log_path) ON CONFLICT (site_id, path) DO NOTHING;
+    END IF;
+    RETURN site;
+EXCEPTION WHEN check_violation THEN
+    -- The tables say what is allowed; their own message says it in the words of a pattern.
+    GET STACKED DIAGNOSTICS refused = CONSTRAINT_NAME;
+    IF refused = 'sites_host_is_a_lower_case_name' THEN
+        RAISE EXCEPTION '"%" is no host name', add_site.host
+            USING ERRCODE = 'check_violation', HINT = 'The name alone, without scheme, port and path: example.org';
+    ELSIF refused = 'log_sources_path_is_absolute' THEN
+        RAISE EXCEPTION '"%" is no absolute path of a log file', log_path
+            USING ERRCODE = 'check_violation',
+                  HINT = 'It begins with a slash and ends in neither slash nor blank: /var/log/apache2/example.org.log';
+    END IF;
+    RAISE;
+END
+$$;
+COMMENT ON FUNCTION tarn.add_site(text, text) IS
+    'Registers a site and a log of it, and returns the site''s id. The host is folded to lower case. What is registered '
+    'already stays as it is: a further log of a site is added by calling it again';
+
+
 -- Who sees and sets which setting, beside the rights on the table
 
 -- By rights rather than by name, so that roles can come and go, and nobody who is granted the table gets the secret

@@ -130,6 +130,7 @@ ORDER BY r.name, place
     GRANT INSERT (host), UPDATE (host), DELETE ON tarn.sites TO :"panel";
     -- The inode is for having a log read again.
     GRANT INSERT (site_id, path), UPDATE (path, inode), DELETE ON tarn.log_sources TO :"panel";
+    GRANT EXECUTE ON FUNCTION tarn.add_site(text, text) TO :"panel";
     GRANT INSERT (engine, account_email, refresh_token),
           UPDATE (account_email, refresh_token, connected_at, last_result), DELETE ON tarn.engine_accounts TO :"panel";
     GRANT INSERT, UPDATE (property), DELETE ON tarn.search_properties TO :"panel";

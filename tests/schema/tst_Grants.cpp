@@ -246,6 +246,7 @@ private Q_SLOTS:
                              u"CREATE TEMPORARY TABLE t ()"_s,
                              u"DROP TABLE tarn.hits"_s,
                              u"INSERT INTO tarn.sites (host) VALUES ('example.net')"_s,
+                             u"SELECT tarn.add_site('example.net', '/a.log')"_s,
                              u"UPDATE tarn.hits SET path = '/'"_s,
                              u"SELECT ip FROM tarn.hits"_s,
                              u"SELECT referrer FROM tarn.hits"_s,
@@ -280,6 +281,8 @@ private Q_SLOTS:
                  u"UPDATE tarn.log_sources SET path = '/b.log', inode = NULL WHERE site_id <> 1"_s,
                  u"DELETE FROM tarn.sites WHERE host = 'www.example.net'"_s,
                  u"DELETE FROM tarn.log_sources WHERE path = '/a.log'"_s,
+                 u"SELECT tarn.add_site('Example.com', '/c.log')"_s,
+                 u"SELECT tarn.add_site('example.com', '/d.log')"_s,
                  u"INSERT INTO tarn.settings VALUES ('raw_hit_days', '90') "
                  "ON CONFLICT (key) DO UPDATE SET value = excluded.value"_s,
                  u"UPDATE tarn.settings SET value = '30' WHERE key = 'raw_hit_days'"_s,
@@ -288,8 +291,8 @@ private Q_SLOTS:
                  u"NOTIFY tarn_usage"_s,
              })
             QCOMPARE(statement + test::errorOf(panel, statement), statement);
-        QCOMPARE(scalar(u"SELECT string_agg(path, ' ') FROM tarn.log_sources"_s),
-                 u"/var/log/apache2/access.log"_s);
+        QCOMPARE(scalar(u"SELECT string_agg(path, ' ' ORDER BY id) FROM tarn.log_sources"_s),
+                 u"/var/log/apache2/access.log /c.log /d.log"_s);
         QCOMPARE(scalar(u"SELECT disk_limit_mb FROM tarn.accounts"_s), u"5"_s);
     }
 
@@ -358,6 +361,7 @@ private Q_SLOTS:
                              u"SELECT count(*) FROM tarn.hits"_s,
                              u"SELECT ip FROM tarn.hits"_s,
                              u"SELECT * FROM tarn.hits_of_day(1, '2024-05-05')"_s,
+                             u"SELECT tarn.add_site('example.net', '/a.log')"_s,
                              u"SELECT refresh_token FROM tarn.engine_accounts"_s,
                              u"SELECT * FROM tarn.engine_accounts"_s,
                              u"SELECT * FROM tarn.geo_country"_s,
