@@ -1,4 +1,4 @@
-"""Installs the build below a temporary DESTDIR, and holds what is there to files.txt, README.md and the unit."""
+"""Installs the build below a temporary DESTDIR, and holds what is there to files.txt, README.md and the units."""
 
 import argparse
 import os
@@ -11,6 +11,8 @@ import unittest
 
 options = None
 HERE = pathlib.Path(__file__).parent
+# What systemd-analyze calls it: from 0, which can do nothing, to 10.
+MOST_EXPOSURE = 2.0
 
 
 def install(folder, prefix):
@@ -42,13 +44,56 @@ class Install(unittest.TestCase):
         expected = (HERE / "files.txt").read_text().splitlines()
         self.assertEqual(listing(self.folder), [line.replace(" ", " usr/", 1) for line in expected])
 
-    def test_the_unit_follows_the_prefix(self):
-        source = (options.source / "packaging/tarn-collect.service").read_text()
+    def test_the_units_follow_the_prefix(self):
         for prefix in ["/usr", "/usr/local", "/opt/tarn-0.1+1"]:
-            with self.subTest(prefix):
-                unit = install(self.folder, prefix) / "lib/systemd/system/tarn-collect.service"
-                expected = source.replace("=/usr/bin/tarn-collect\n", f"={prefix}/bin/tarn-collect\n")
-                self.assertEqual(unit.read_text(), expected)
+            for program in ["tarn-collect", "tarn-report"]:
+                with self.subTest(f"{prefix} {program}"):
+                    source = (options.source / f"packaging/{program}.service").read_text()
+                    unit = install(self.folder, prefix) / f"lib/systemd/system/{program}.service"
+                    expected = source.replace(f"=/usr/bin/{program}", f"={prefix}/bin/{program}")
+                    self.assertEqual(unit.read_text(), expected)
+
+    def test_the_units_expose_little(self):
+        units = install(self.folder, "/usr") / "lib/systemd/system"
+        for unit in sorted(units.glob("*.service")):
+            with self.subTest(unit.name):
+                said = subprocess.run(
+                    ["systemd-analyze", "security", "--offline=yes", "--no-pager", unit], capture_output=True, text=True
+                )
+                level = re.search(r"Overall exposure level for \S+: ([\d.]+)", said.stdout)
+                self.assertIsNotNone(level, said.stdout + said.stderr)
+                self.assertLessEqual(float(level[1]), MOST_EXPOSURE)
+
+    def test_the_units_are_understood(self):
+        units = install(self.folder, "/usr") / "lib/systemd/system"
+        for unit in sorted(units.iterdir()):
+            # It looks for the programs, too.
+            unit.write_text(unit.read_text().replace("=/usr/bin/", f"={self.folder}/usr/bin/"))
+        said = subprocess.run(
+            ["systemd-analyze", "verify", "--man=no", "--recursive-errors=no", *sorted(units.iterdir())],
+            capture_output=True,
+            text=True,
+        )
+        self.assertEqual((said.returncode, said.stderr), (0, ""))
+
+    def test_a_collector_that_cannot_start_is_tried_again_calmly_and_for_ever(self):
+        unit = (install(self.folder, "/usr") / "lib/systemd/system/tarn-collect.service").read_text()
+        for line in ["Restart=always", "RestartSec=30", "StartLimitIntervalSec=0"]:
+            self.assertIn(f"\n{line}\n", unit)
+        self.assertRegex(unit, r"\nAfter=.*\bpostgresql\.service\b")
+
+    def test_users_are_made_as_the_units_want_them(self):
+        users = install(self.folder, "/usr") / "lib/sysusers.d"
+        root = self.folder / "root"
+        (root / "etc").mkdir(parents=True)
+        (root / "etc/group").write_text("adm:x:4:\n")
+        subprocess.run(["systemd-sysusers", f"--root={root}", *sorted(users.iterdir())], check=True, capture_output=True)
+        entries = [line.split(":") for line in (root / "etc/passwd").read_text().splitlines()]
+        self.assertEqual(
+            {entry[0]: entry[5:] for entry in entries},
+            {name: ["/nonexistent", "/usr/sbin/nologin"] for name in ["tarn-collect", "tarn-report"]},
+        )
+        self.assertIn("adm:x:4:tarn-collect,tarn-report", (root / "etc/group").read_text())
 
     def test_the_program_runs_from_there(self):
         program = install(self.folder, "/usr") / "bin/tarn-collect"
