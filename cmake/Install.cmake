@@ -1,6 +1,7 @@
 # What `cmake --install` puts where. Nothing goes to /etc: the settings that an administrator has edited there are his.
 
 install(TARGETS tarn-collect tarn-report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS packaging/tarn-collect-setup DESTINATION ${CMAKE_INSTALL_SBINDIR})
 foreach(section 1 5 8)
     file(GLOB pages CONFIGURE_DEPENDS packaging/*.${section})
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})

@@ -13,6 +13,9 @@
 -- Every day whose raw hits are all there still is marked, and the collector counts it again, newest first. Days whose
 -- raw hits are gone keep the figures that they have: bounces and zone are not known there, source and search_terms
 -- have campaigns among them. What was granted on these tables has to be granted again: grants.sql does.
+--
+-- Where it has been run is seen by what it makes (tarn-collect-setup reads the next line):
+-- Makes the column tarn.site_days.zone.
 
 \set ON_ERROR_STOP on
 
