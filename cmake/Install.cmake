@@ -11,8 +11,8 @@ install(FILES packaging/tarnhold.ini packaging/report.ini DESTINATION ${CMAKE_IN
 install(FILES schema/tarn.sql schema/functions.sql schema/grants.sql schema/README.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema)
 install(FILES schema/upgrades/0001-figures.sql DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema/upgrades)
-install(FILES README.md CHANGELOG.md SECURITY.md LICENSE docs/operations.md docs/privacy.md docs/queries.md docs/report.md
-    DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md SECURITY.md LICENSE docs/monitoring.md docs/operations.md docs/privacy.md
+    docs/queries.md docs/report.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # systemd reads lib/systemd/system and lib/sysusers.d below /usr and /usr/local, whatever the machine's library folder is
 # called. `cmake --install --prefix` decides last which of them it is, and from where the units start the programs.

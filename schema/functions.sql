@@ -442,6 +442,43 @@ COMMENT ON VIEW tarn.live_visitors IS
 COMMENT ON COLUMN tarn.live_visitors.site_id IS 'tarn.sites.id';
 COMMENT ON COLUMN tarn.live_visitors.visitors IS 'How many; which is for those who may read tarn.hits';
 
+-- Reads with its owner's rights: whoever looks after the collector needs no other right than to this row. Each figure
+-- has a subquery of its own, so that the row comes also where a table is empty.
+CREATE OR REPLACE VIEW tarn.collector_state AS
+SELECT (SELECT max(s.at) FROM tarn.host_samples s) AS last_sample_at,
+       l.path AS oldest_log, l.since AS oldest_log_since, l.read_offset AS oldest_log_read_bytes,
+       (SELECT count(*) FROM tarn.log_sources n WHERE n.updated_at IS NULL) AS logs_never_read,
+       w.days AS days_waiting, w.oldest AS oldest_day_waiting,
+       e.last_sync_at, e.last_result AS last_sync_result,
+       (SELECT c.value FROM tarn.settings c WHERE c.key = 'geoip_month') AS country_month,
+       (SELECT count(*) FROM tarn.alerts a WHERE a.closed_at IS NULL) AS open_alerts
+FROM (SELECT count(*) AS days, min(r.day) AS oldest
+      FROM tarn.rollup_due r JOIN tarn.sites s ON s.id = r.site_id) w
+LEFT JOIN (SELECT p.path, p.read_offset, coalesce(p.updated_at, p.created_at) AS since
+           FROM tarn.log_sources p ORDER BY since, p.id LIMIT 1) l ON true
+LEFT JOIN tarn.engine_accounts e ON e.engine = 'google';
+COMMENT ON VIEW tarn.collector_state IS
+    'One row about the collector itself, for programs that watch it (docs/monitoring.md)';
+COMMENT ON COLUMN tarn.collector_state.last_sample_at IS
+    'When it last sampled the host; NULL: never, or not in the last 30 days that samples are kept for';
+COMMENT ON COLUMN tarn.collector_state.oldest_log IS
+    'Path of the log that has been without a reading for longest; NULL: no log is registered';
+COMMENT ON COLUMN tarn.collector_state.oldest_log_since IS
+    'When it was last read from, or registered if never. A log is read only when it grows: a site at rest looks like '
+    'a log that may not be read';
+COMMENT ON COLUMN tarn.collector_state.oldest_log_read_bytes IS
+    'Bytes of it that have been read. How many are left is the file''s size less this; the size is not known here';
+COMMENT ON COLUMN tarn.collector_state.logs_never_read IS 'Registered logs that nothing has been read of';
+COMMENT ON COLUMN tarn.collector_state.days_waiting IS
+    'Days of sites with hits that are not in the figures yet; those of removed sites are left out';
+COMMENT ON COLUMN tarn.collector_state.oldest_day_waiting IS 'The oldest of them; NULL: there is none';
+COMMENT ON COLUMN tarn.collector_state.last_sync_at IS
+    'When the search figures were last asked for, with or without success; NULL: never, or nobody has connected';
+COMMENT ON COLUMN tarn.collector_state.last_sync_result IS 'What came of it, as in tarn.engine_accounts.last_result';
+COMMENT ON COLUMN tarn.collector_state.country_month IS
+    'Month (yyyy-MM) of what tarn.geo_country holds; NULL: it has never been loaded';
+COMMENT ON COLUMN tarn.collector_state.open_alerts IS 'Alerts of the host that are open';
+
 
 -- Health of the host
 

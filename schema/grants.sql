@@ -142,9 +142,9 @@ ORDER BY r.name, place
     GRANT USAGE ON SCHEMA tarn TO :"reader";
     -- Of tarn.settings the policies show geoip_month and raw_hit_days alone.
     GRANT SELECT ON tarn.schema_migrations, tarn.settings, tarn.sites, tarn.log_sources, tarn.rollup_due,
-                    tarn.site_days, tarn.site_day_values, tarn.live_visitors, tarn.country_codes,
-                    tarn.search_properties, tarn.search_days, tarn.search_rows, tarn.host_samples, tarn.host_days,
-                    tarn.alerts, tarn.accounts, tarn.account_days TO :"reader";
+                    tarn.site_days, tarn.site_day_values, tarn.live_visitors, tarn.collector_state,
+                    tarn.country_codes, tarn.search_properties, tarn.search_days, tarn.search_rows,
+                    tarn.host_samples, tarn.host_days, tarn.alerts, tarn.accounts, tarn.account_days TO :"reader";
     GRANT SELECT (engine, account_email, connected_at, last_sync_at, last_result) ON tarn.engine_accounts
         TO :"reader";
 \endif

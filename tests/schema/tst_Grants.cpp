@@ -343,9 +343,9 @@ private Q_SLOTS:
         const QSqlDatabase reader = sessionOf(u"tarn_reader"_s);
         for (const QString& table :
              {u"schema_migrations"_s, u"sites"_s, u"log_sources"_s, u"rollup_due"_s, u"site_days"_s,
-              u"site_day_values"_s, u"live_visitors"_s, u"country_codes"_s, u"search_properties"_s,
-              u"search_days"_s, u"search_rows"_s, u"host_samples"_s, u"host_days"_s, u"alerts"_s,
-              u"accounts"_s, u"account_days"_s, u"settings"_s})
+              u"site_day_values"_s, u"live_visitors"_s, u"collector_state"_s, u"country_codes"_s,
+              u"search_properties"_s, u"search_days"_s, u"search_rows"_s, u"host_samples"_s, u"host_days"_s,
+              u"alerts"_s, u"accounts"_s, u"account_days"_s, u"settings"_s})
             QCOMPARE(table + test::errorOf(reader, u"SELECT * FROM tarn."_s + table), table);
         QCOMPARE(test::value(reader,
                              u"SELECT concat_ws(' ', engine, account_email, last_sync_at, last_result) "
