@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cmath>
+
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 
@@ -43,6 +45,69 @@ QHash<QString, Example> examples()
             found.insert(folder + match.captured(2), {match.captured(3), !match.captured(1).isEmpty()});
     }
     return found;
+}
+
+/// What the manual says of each key, "section/key": the line behind the ".br" of its entry, without markup.
+QHash<QString, QString> manualEntries()
+{
+    QFile file(QStringLiteral(TARN_SETTINGS_MANUAL));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    static const QRegularExpression section(u"^\\.SS \\[(\\w+)\\]$"_s);
+    static const QRegularExpression key(u"^\\\\fB(\\w+)\\\\fR$"_s);
+    QHash<QString, QString> found;
+    QString folder;
+    QString entry;
+    QString before;
+    const QStringList lines = QString::fromUtf8(file.readAll()).replace(u"\\-"_s, u"-"_s).split(u'\n');
+    for (const QString& line : lines) {
+        if (line.startsWith(u".S"))
+            folder = section.match(line).captured(1);
+        if (const auto match = key.match(line); before == u".TP" && !folder.isEmpty() && match.hasMatch()) {
+            entry = folder + u'/' + match.captured(1);
+            found.insert(entry, QString());
+        }
+        if (before == u".br" && found.contains(entry))
+            found.insert(entry, line);
+        before = line;
+    }
+    return found;
+}
+
+/// The range of a setting as the manual writes it; empty when every text is one.
+QString rangeInWords(const Setting& setting)
+{
+    switch (setting.kind) {
+    case SettingKind::Text:
+    case SettingKind::List:
+        return {};
+    case SettingKind::Flag:
+        return u"true or false"_s;
+    case SettingKind::Word:
+        return text(setting.words).replace(u" "_s, u", "_s);
+    case SettingKind::Whole:
+    case SettingKind::Port:
+    case SettingKind::Number:
+        break;
+    }
+    const QString least = QString::number(setting.least);
+    return std::isinf(setting.most) ? u"at least "_s + least
+                                    : u"%1 to %2"_s.arg(least, QString::number(setting.most, 'g', 10));
+}
+
+/// What the manual's line has to match.
+QRegularExpression manualLine(const Setting& setting)
+{
+    const auto exactly = [](const QString& words) { return QRegularExpression::escape(words); };
+    const QString standard = exactly(text(setting.standard));
+    QString pattern = setting.hasFixedDefault ? (standard.isEmpty() ? u"none"_s : standard)
+                                              : u"computed, (?=.*"_s + standard + u").+"_s;
+    pattern = u"Default: "_s + pattern + u"\\."_s;
+    if (!setting.unit.empty())
+        pattern += exactly(u" Unit: "_s + text(setting.unit) + u'.');
+    if (const QString range = rangeInWords(setting); !range.isEmpty())
+        pattern += exactly(u" Range: "_s + range + u'.');
+    return QRegularExpression(QRegularExpression::anchoredPattern(pattern));
 }
 
 QList<Setting> allSettings()
@@ -116,6 +181,32 @@ private Q_SLOTS:
     void theExampleMakesSense()
     {
         checkSettings(QSettings(QStringLiteral(TARN_SETTINGS_EXAMPLE), QSettings::IniFormat));
+    }
+
+    void theManualHasEveryKeyWithDefaultUnitAndRange()
+    {
+        const QHash<QString, QString> found = manualEntries();
+        QStringList problems;
+        const QList<Setting> all = allSettings();
+        for (const Setting& setting : all) {
+            const QRegularExpression wanted = manualLine(setting);
+            const QString key = text(setting.key);
+            if (!found.contains(key))
+                problems.append(key + u" is missing"_s);
+            else if (!wanted.match(found.value(key)).hasMatch())
+                problems.append(key + u": "_s + found.value(key) + u" is not "_s + wanted.pattern());
+        }
+        QVERIFY2(problems.isEmpty(), qPrintable(problems.join(u'\n')));
+    }
+
+    void theManualHasNoOtherKey()
+    {
+        QStringList unknown = manualEntries().keys();
+        QVERIFY(!unknown.isEmpty());
+        const QList<Setting> all = allSettings();
+        for (const Setting& setting : all)
+            unknown.removeAll(text(setting.key));
+        QCOMPARE(unknown, QStringList());
     }
 
     void everyRowIsWhole()
