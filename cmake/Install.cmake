@@ -11,8 +11,13 @@ install(FILES packaging/tarnhold.ini packaging/report.ini DESTINATION ${CMAKE_IN
 install(FILES schema/tarn.sql schema/functions.sql schema/grants.sql schema/README.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema)
 install(FILES schema/upgrades/0001-figures.sql DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect/schema/upgrades)
-install(FILES README.md CHANGELOG.md SECURITY.md LICENSE docs/monitoring.md docs/operations.md docs/privacy.md
-    docs/queries.md docs/report.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+# The folder has a README.md already.
+list(REMOVE_ITEM documents ${PROJECT_SOURCE_DIR}/docs/README.md)
+install(FILES README.md CHANGELOG.md SECURITY.md LICENSE ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME reading-order.md)
+# Sites serve it from there.
+install(FILES demo/site/tarn.js DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn-collect)
 
 # systemd reads lib/systemd/system and lib/sysusers.d below /usr and /usr/local, whatever the machine's library folder is
 # called. `cmake --install --prefix` decides last which of them it is, and from where the units start the programs.
