@@ -2,6 +2,7 @@
 
 #include <QHash>
 
+#include <algorithm>
 #include <numeric>
 
 using namespace Qt::Literals::StringLiterals;
@@ -18,18 +19,29 @@ const auto kDays =
     "errors_5xx, engaged_seconds, response_us_median, response_us_p95 "
     "FROM tarn.site_days WHERE site_id = ? AND day BETWEEN ? AND ?"_s;
 
+/// Day of the row with which rankings would be made of too many, counted from the period's end.
+const auto kDayOfRow = u"SELECT day FROM tarn.site_day_values WHERE site_id = ? AND day BETWEEN ? AND ? "
+                       "ORDER BY day DESC OFFSET ? LIMIT 1"_s;
+
 /// Each dimension's greatest values, after them the sum over all of it under the place 0. A percentile of
 /// several days is not to be had from theirs; their mean by views says enough about what is slow.
+/// Sorting costs more than adding up. Hence only those values are sorted that have as many hits as the last
+/// one that a list of a single day, the first that is bound, would have: with fewer there is no place for it.
 const auto kRankings =
-    u"WITH v AS ("
-    "SELECT dimension, value, part_of, sum(hits) AS hits, sum(visitors) AS visitors, "
+    u"WITH one_day AS (SELECT dimension, hits AS least FROM (SELECT dimension, hits, "
+    "row_number() OVER (PARTITION BY dimension ORDER BY hits DESC) AS place "
+    "FROM tarn.site_day_values WHERE site_id = ? AND day = ? AND value <> '') s WHERE place = ?), "
+    "v AS MATERIALIZED (SELECT dimension, value, part_of, sum(hits) AS hits, sum(visitors) AS visitors, "
     "sum(engaged_seconds) AS engaged, sum(response_us_p95::float8 * hits) "
     "/ nullif(sum(hits) FILTER (WHERE response_us_p95 IS NOT NULL), 0) AS p95 "
     "FROM tarn.site_day_values WHERE site_id = ? AND day BETWEEN ? AND ? AND dimension <> 'hour' "
     "GROUP BY dimension, value, part_of), "
-    "r AS (SELECT v.*, row_number() OVER (PARTITION BY dimension "
-    "ORDER BY value = '', hits DESC, visitors DESC, value COLLATE \"C\", part_of COLLATE \"C\") AS place, "
-    "sum(hits) OVER (PARTITION BY dimension) AS total FROM v) "
+    "d AS (SELECT dimension, total, coalesce(least, 0) AS least "
+    "FROM (SELECT dimension, sum(hits) AS total FROM v GROUP BY dimension) t LEFT JOIN one_day USING "
+    "(dimension)), "
+    "r AS (SELECT v.*, d.total, row_number() OVER (PARTITION BY dimension "
+    "ORDER BY value = '', hits DESC, visitors DESC, value COLLATE \"C\", part_of COLLATE \"C\") AS place "
+    "FROM v JOIN d USING (dimension) WHERE value = '' OR hits >= least) "
     "SELECT dimension, value, part_of, hits::bigint, visitors::bigint, engaged, p95, total::bigint "
     "FROM r WHERE place <= ? ORDER BY dimension, place"_s;
 
@@ -91,10 +103,33 @@ bool readDays(SiteFigures& figures)
     return query.has_value();
 }
 
+/// The days that rankings are made of: the period, or the last days of it when it has too many rows.
+bool readRankedPeriod(SiteFigures& figures)
+{
+    Period& ranked = figures.ranked;
+    ranked = figures.period;
+    std::optional<QSqlQuery> query =
+        select(kDayOfRow, {figures.site.id, ranked.first, ranked.last, kRankedRows});
+    if (query && query->next())
+        ranked.first = std::min(query->value(0).toDate().addDays(1), ranked.last);
+    return query.has_value();
+}
+
+/// The day with the most views of those that rankings are made of.
+QDate busiestDay(const SiteFigures& figures)
+{
+    const auto first = figures.days.cend() - figures.ranked.days();
+    const auto busiest = std::max_element(first, figures.days.cend(), [](const Day& left, const Day& right) {
+        return left.views < right.views;
+    });
+    return figures.ranked.first.addDays(busiest - first);
+}
+
 bool readRankings(SiteFigures& figures)
 {
     std::optional<QSqlQuery> query =
-        select(kRankings, {figures.site.id, figures.period.first, figures.period.last, kRankedValues});
+        select(kRankings, {figures.site.id, busiestDay(figures), kRankedValues, figures.site.id,
+                           figures.ranked.first, figures.ranked.last, kRankedValues});
     while (query && query->next()) {
         Ranking& ranking = figures.rankings[query->value(0).toString()];
         ranking.hits = query->value(7).toLongLong();
@@ -236,8 +271,8 @@ std::optional<SiteFigures> readSite(const Site& site, const Period& period)
     SiteFigures figures;
     figures.site = site;
     figures.period = period;
-    const bool complete = readDays(figures) && readRankings(figures) && readWeek(figures)
-                          && readSearchTerms(figures) && readLive(figures);
+    const bool complete = readDays(figures) && readRankedPeriod(figures) && readRankings(figures)
+                          && readWeek(figures) && readSearchTerms(figures) && readLive(figures);
     return complete ? std::optional(figures) : std::nullopt;
 }
 

@@ -13,6 +13,9 @@ namespace tarn::report {
 
 /// Values of a dimension that a page can show; all others are in Ranking::others.
 inline constexpr int kRankedValues = 40;
+/// Rows that rankings are made of, with those of the day that reaches it left out: more would take longer
+/// than half a second. An ordinary site has some 200 a day; the most that a day can have is 13,000.
+inline constexpr int kRankedRows = 200'000;
 /// Search terms that a page can show.
 inline constexpr int kSearchTerms = 25;
 
@@ -82,6 +85,7 @@ struct SiteFigures
     QList<Day> before; ///< the same of the period before
     Day total;
     Day totalBefore;
+    Period ranked;                   ///< that rankings are of: the period, or its last days
     QMap<QString, Ranking> rankings; ///< by dimension; those without values are missing
     Week week = {};
     QList<SearchTerm> searchTerms;

@@ -23,6 +23,8 @@ private Q_SLOTS:
     void meansAreWeighted();
     void rankings();
     void rankingsAreCut();
+    void rankingsOfManyRows();
+    void rankingsOfManyDays();
     void week();
     void searchTermsBesideTheEngines();
     void searchTermsAreCut();
@@ -170,6 +172,54 @@ void tst_SiteData::rankingsAreCut()
     QCOMPARE(paths.values.size(), kRankedValues);
     QCOMPARE(paths.values.first().value, u"/the-most"_s);
     QCOMPARE(paths.others(), 1);
+}
+
+void tst_SiteData::rankingsOfManyRows()
+{
+    // The first day has one row, the second all but one that rankings can be made of, the third another.
+    addValue(u"path"_s, u"/first"_s, 9, {}, u"NULL, NULL"_s, u"2026-03-02"_s);
+    run(u"INSERT INTO tarn.site_day_values (site_id, day, dimension, value, hits, visitors) "
+        "SELECT 1, '2026-03-03', 'path', '/' || n, 1, 1 FROM generate_series(1, %1) n"_s.arg(kRankedRows
+                                                                                             - 2));
+    addValue(u"path"_s, u"/last"_s, 5, {}, u"NULL, NULL"_s, u"2026-03-04"_s);
+    SiteFigures figures = read();
+    QCOMPARE(figures.ranked.first, QDate(2026, 3, 2));
+    QCOMPARE(figures.rankings[u"path"_s].values[0].value, u"/first"_s);
+    QCOMPARE(figures.rankings[u"path"_s].hits, kRankedRows - 2 + 14);
+
+    addValue(u"path"_s, u"/one-more"_s, 4, {}, u"NULL, NULL"_s, u"2026-03-02"_s);
+    figures = read();
+    QCOMPARE(figures.ranked.first, QDate(2026, 3, 3));
+    QCOMPARE(figures.ranked.last, QDate(2026, 3, 4));
+    QCOMPARE(figures.rankings[u"path"_s].values[0].value, u"/last"_s);
+    QCOMPARE(figures.rankings[u"path"_s].hits, kRankedRows - 2 + 5);
+
+    // More on the last day alone: there is nothing less to show.
+    run(u"UPDATE tarn.site_day_values SET day = '2026-03-04'"_s);
+    QCOMPARE(read().ranked.first, QDate(2026, 3, 4));
+}
+
+void tst_SiteData::rankingsOfManyDays()
+{
+    // The busiest day has as many values as a list has places, each with more hits than the others have on
+    // any day; what comes again and again is before them in the end.
+    addDay(1, u"2026-03-02"_s, 1000);
+    addDay(1, u"2026-03-03"_s, 10);
+    addDay(1, u"2026-03-04"_s, 10);
+    run(u"INSERT INTO tarn.site_day_values (site_id, day, dimension, value, hits, visitors) "
+        "SELECT 1, '2026-03-02', 'path', '/busy/' || n, 100 + n, 1 FROM generate_series(1, %1) n"_s.arg(
+            kRankedValues));
+    for (const QString& day : {u"2026-03-02"_s, u"2026-03-03"_s, u"2026-03-04"_s}) {
+        addValue(u"path"_s, u"/steady"_s, 90, {}, u"NULL, NULL"_s, day);
+        addValue(u"path"_s, u"/rare"_s, 20, {}, u"NULL, NULL"_s, day);
+        addValue(u"path"_s, {}, 1000, {}, u"NULL, NULL"_s, day);
+    }
+    const Ranking paths = read().rankings[u"path"_s];
+    QCOMPARE(paths.values.size(), kRankedValues);
+    QCOMPARE(paths.values.first().value, u"/steady"_s);
+    QCOMPARE(paths.values.first().hits, 270);
+    QCOMPARE(paths.values.last().value, u"/busy/2"_s);
+    QCOMPARE(paths.others(), 101 + 3 * 20 + 3 * 1000);
 }
 
 void tst_SiteData::week()
