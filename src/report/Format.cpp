@@ -1,5 +1,7 @@
 #include "report/Format.h"
 
+#include <QRegularExpression>
+
 #include <array>
 #include <cmath>
 
@@ -100,6 +102,12 @@ QString responseTime(double microseconds)
                : kNothing;
 }
 
+QString scaleLabel(const QString& figure)
+{
+    static const QRegularExpression noughts(u"\\.0+(?=\\D|$)|\u00A0(00\u202F(s|min)|0\u202Fh)$"_s);
+    return QString(figure).remove(noughts);
+}
+
 QString change(double now, double before)
 {
     if (before <= 0)
@@ -108,6 +116,14 @@ QString change(double now, double before)
     if (share == 0)
         return withUnit(u"±0"_s, u"%"_s);
     return withUnit((share > 0 ? u"+"_s : QString()) + count(share), u"%"_s);
+}
+
+QString points(double percent)
+{
+    const QString number = decimal(percent, 1);
+    if (number == u"0.0" || number.endsWith(u"\u22120.0"_s))
+        return u"±0 points"_s;
+    return (percent > 0 ? u"+"_s : QString()) + number + u" points"_s;
 }
 
 QString growth(double number)

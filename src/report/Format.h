@@ -20,9 +20,14 @@ QString percent(double number);
 QString duration(double seconds);
 /// Microseconds as milliseconds, from 10,000 ms on as seconds.
 QString responseTime(double microseconds);
+/// @p figure without a decimal or a last unit of nought, for a scale: "5.0 KiB" -> "5 KiB", "2 min 00 s" ->
+/// "2 min".
+QString scaleLabel(const QString& figure);
 /// How @p now differs from @p before in per cent: "+12 %", "−3 %", "±0 %". "new" where there was nothing
 /// before, "–" where there is nothing either.
 QString change(double now, double before);
+/// A difference of shares in percentage points: "+1.0 points".
+QString points(double percent);
 /// A difference of bytes with its sign.
 QString growth(double bytes);
 

@@ -106,7 +106,7 @@ void rankingRow(Html& html, const RankingTable& table, const Ranked& ranked, qin
             const auto part = html.element("span", {
                                                        {"class", u"of-kind"_s}
             });
-            html.foreign(ranked.partOf);
+            html.foreign(table.partLabel ? table.partLabel(ranked.partOf) : ranked.partOf);
         }
     }
     for (const Column& column : table.columns)
@@ -118,18 +118,30 @@ void rankingRow(Html& html, const RankingTable& table, const Ranked& ranked, qin
 
 void rankingHead(Html& html, const RankingTable& table)
 {
-    const auto headRow = html.element("thead");
-    const auto row = html.element("tr");
-    html.leaf("th", table.valueName,
+    QList<Heading> headings = {
+        {table.valueName, u"l bars"_s}
+    };
+    for (const Column& column : table.columns)
+        headings.append({column.name, classOf(column)});
+    tableHead(html, headings);
+}
+
+/// What the values that are not shown have together.
+void rankingRest(Html& html, const RankingTable& table, qint64 rest)
+{
+    const auto row = html.element("tr", {
+                                            {"class", u"sum"_s}
+    });
+    html.leaf("th", u"All others",
               {
                   {"class", u"l bars"_s},
-                  {"scope", u"col"_s   }
+                  {"scope", u"row"_s   }
     });
-    for (const Column& column : table.columns)
-        html.leaf("th", column.name,
+    html.leaf("td", count(rest));
+    for (qsizetype i = 1; i < table.columns.size(); ++i)
+        html.leaf("td", u"",
                   {
-                      {"class", classOf(column)},
-                      {"scope", u"col"_s       }
+                      {"class", classOf(table.columns.at(i))}
         });
 }
 
@@ -224,6 +236,51 @@ void caption(Html& html, const QString& title, const QList<Key>& keys)
         });
 }
 
+Html::Element card(Html& html)
+{
+    return html.element("section", {
+                                       {"class", u"card"_s}
+    });
+}
+
+void nothing(Html& html, QStringView text)
+{
+    html.leaf("p", text,
+              {
+                  {"class", u"dim"_s}
+    });
+}
+
+void note(Html& html, QStringView text)
+{
+    html.leaf("p", text,
+              {
+                  {"class", u"note"_s}
+    });
+}
+
+Html::Element scrolling(Html& html, const QString& name)
+{
+    return html.element("div", {
+                                   {"class",      u"scroll"_s},
+                                   {"tabindex",   u"0"_s     },
+                                   {"role",       u"region"_s},
+                                   {"aria-label", name       }
+    });
+}
+
+void tableHead(Html& html, const QList<Heading>& headings)
+{
+    const auto head = html.element("thead");
+    const auto row = html.element("tr");
+    for (const Heading& heading : headings)
+        html.leaf("th", heading.name,
+                  {
+                      {"class", heading.cssClass},
+                      {"scope", u"col"_s        }
+        });
+}
+
 QList<Tick> dayTicks(QDate first, qsizetype count)
 {
     constexpr qsizetype daysWithYear = 100;
@@ -241,15 +298,10 @@ QList<Tick> dayTicks(QDate first, qsizetype count)
 
 void rankingTable(Html& html, const RankingTable& table, const Ranking& ranking)
 {
-    const auto card = html.element("section", {
-                                                  {"class", u"card"_s}
-    });
+    const auto box = card(html);
     html.leaf("h3", table.title);
     if (ranking.values.isEmpty()) {
-        html.leaf("p", u"None in this period.",
-                  {
-                      {"class", u"dim"_s}
-        });
+        nothing(html, u"None in this period.");
     } else {
         const qsizetype shown = std::min<qsizetype>(ranking.values.size(), table.rows);
         qint64 rest = ranking.hits;
@@ -260,28 +312,11 @@ void rankingTable(Html& html, const RankingTable& table, const Ranking& ranking)
             rankingRow(html, table, ranking.values.at(i), ranking.values.first().hits);
             rest -= ranking.values.at(i).hits;
         }
-        if (rest > 0) {
-            const auto row = html.element("tr", {
-                                                    {"class", u"sum"_s}
-            });
-            html.leaf("th", u"All others",
-                      {
-                          {"class", u"l bars"_s},
-                          {"scope", u"row"_s   }
-            });
-            html.leaf("td", count(rest));
-            for (qsizetype i = 1; i < table.columns.size(); ++i)
-                html.leaf("td", u"",
-                          {
-                              {"class", classOf(table.columns.at(i))}
-                });
-        }
+        if (rest > 0)
+            rankingRest(html, table, rest);
     }
     if (!table.note.isEmpty())
-        html.leaf("p", table.note,
-                  {
-                      {"class", u"note"_s}
-        });
+        note(html, table.note);
 }
 
 Column hitsColumn(const QString& name)

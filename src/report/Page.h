@@ -40,6 +40,23 @@ struct Key
 };
 void caption(Html& html, const QString& title, const QList<Key>& keys = {});
 
+/// A box with a title, and paragraphs in it or below: one that says there is nothing, one that explains.
+[[nodiscard]] Html::Element card(Html& html);
+void nothing(Html& html, QStringView text);
+void note(Html& html, QStringView text);
+
+/// A place for a table that may be too wide: it can be scrolled, by keyboard as well.
+[[nodiscard]] Html::Element scrolling(Html& html, const QString& name);
+
+/// The head of a column: l for the texts on the left, t for other texts, n for numbers; with "wide" behind if
+/// the column is left out where the page is as narrow as a phone.
+struct Heading
+{
+    QString name;
+    QString cssClass;
+};
+void tableHead(Html& html, const QList<Heading>& headings);
+
 /// Labels for @p count days from @p first on, at most five.
 QList<Tick> dayTicks(QDate first, qsizetype count);
 
@@ -61,7 +78,8 @@ struct RankingTable
     int rows = 12;
     bool withPart = false;                             ///< tell what a value is part of
     QString note;                                      ///< below, if any
-    std::function<QString(const QString&)> label = {}; ///< another text for a value, if given
+    std::function<QString(const QString&)> label = {};     ///< another text for a value, if given
+    std::function<QString(const QString&)> partLabel = {}; ///< the same for what it is part of
 };
 void rankingTable(Html& html, const RankingTable& table, const Ranking& ranking);
 

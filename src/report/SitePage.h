@@ -9,8 +9,4 @@ namespace tarn::report {
 
 QByteArray sitePage(const SiteFigures& figures, const Now& now);
 
-/// Whether the crawler that is called @p name in the figures works for an AI service: collects training data,
-/// feeds an assistant's search or fetches what somebody asked an assistant about.
-bool isAiCrawler(const QString& name);
-
 } // namespace tarn::report

@@ -34,7 +34,7 @@ h3{margin:0 0 .625rem;font-size:.9375rem;line-height:1.35;font-weight:600}
 nav ul{display:flex;flex-wrap:wrap;gap:.25rem 1.25rem;margin:.875rem 0 0;padding:0;list-style:none}
 nav a{text-decoration:none}nav a:hover{text-decoration:underline}
 p{margin:.5rem 0;max-width:70ch}
-.dim,.note{color:var(--dim)}
+.dim,.note{color:var(--dim)}.card>p:last-child{margin-bottom:0}.card>.dim:first-child{margin-top:0}
 .note{font-size:.8125rem;margin-top:.75rem}
 .grid{display:grid;gap:1rem;grid-template-columns:minmax(0,1fr)}
 @media (min-width:48rem){.two,.three{grid-template-columns:repeat(2,minmax(0,1fr))}}
@@ -86,9 +86,9 @@ path.c0{stroke:var(--before);stroke-width:1.5;stroke-dasharray:3 4}
 .g.z{stroke:var(--before)}
 rect.s{fill:var(--span)}
 rect.h{fill:transparent}rect.h:hover{fill:var(--wash)}
-.lanes{display:grid;grid-template-columns:minmax(0,3.25rem) minmax(0,1fr);gap:.375rem .5rem;align-items:center}
+.lanes{display:grid;grid-template-columns:minmax(0,3.25rem) minmax(0,1fr);gap:.125rem .5rem;align-items:center}
 .lanes .name{font-size:.75rem;color:var(--dim);text-align:right;overflow:hidden;text-overflow:ellipsis;
-white-space:nowrap}
+white-space:nowrap;line-height:1.25}
 .lane{height:.75rem}.lane rect.s{fill:var(--bad)}
 .k{width:6.5rem;height:1.5rem;margin-left:auto}
 .scroll{overflow-x:auto}
@@ -112,8 +112,10 @@ tr.sum>*{color:var(--dim);border-top:1px solid var(--line)}
 .meter{width:100%;min-width:4.5rem;max-width:11rem;margin-left:auto;height:.375rem;margin-top:.375rem;border-radius:.25rem;overflow:hidden}
 .meter rect{fill:var(--accent)}.meter .of{fill:var(--grid)}
 .meter.near rect:last-child{fill:var(--near)}.meter.over rect:last-child{fill:var(--bad)}
-.up{color:var(--bad)}
-@media (max-width:36rem){.wide{display:none}th,td{padding-left:.5rem}tbody th{min-width:5rem}}
+.up{color:var(--bad)}.narrow{display:none}
+@media (max-width:36rem){.wide{display:none}.narrow{display:block}th,td{padding-left:.5rem}
+tbody th,.scroll tbody th{min-width:5rem}.use .dim{display:block}td.use{white-space:normal;width:5.5rem}.sites .k{width:4rem}
+.alerts th.l{width:5.5rem}.alerts .t{min-width:6rem}}
 .heat{table-layout:fixed;border-collapse:separate;border-spacing:2px;min-width:0}
 .heat th,.heat td{padding:0;border:0;text-align:center;font-size:.75rem;color:var(--dim);height:1.5rem;
 vertical-align:middle;overflow:visible;min-width:0}

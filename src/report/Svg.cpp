@@ -226,11 +226,25 @@ double roundTop(double greatest)
     if (!(greatest > 0) || !std::isfinite(greatest))
         return 1;
     const double power = std::pow(10, std::floor(std::log10(greatest)));
-    for (const double step : {1.0, 2.0, 2.5, 5.0}) {
+    for (const double step : {1.0, 2.0, 4.0, 6.0, 8.0}) {
         if (greatest <= step * power)
             return step * power;
     }
     return 10 * power;
+}
+
+double roundTopSeconds(double greatest)
+{
+    constexpr double minute = 60;
+    constexpr double hour = 3600;
+    if (greatest > 10 * hour)
+        return roundTop(greatest / hour) * hour;
+    for (const double step : {20.0, 40.0, minute, 2 * minute, 4 * minute, 10 * minute, 20 * minute,
+                              40 * minute, hour, 2 * hour, 4 * hour}) {
+        if (greatest > 10 && greatest <= step)
+            return step;
+    }
+    return greatest > 10 ? 10 * hour : roundTop(greatest);
 }
 
 double roundTopBinary(double greatest)

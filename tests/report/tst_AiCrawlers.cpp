@@ -1,5 +1,5 @@
 #include "analytics/Classifier.h"
-#include "report/SitePage.h"
+#include "report/SiteNames.h"
 
 #include <QTest>
 

@@ -89,6 +89,17 @@ void tst_Format::figures_data()
     QTest::newRow("change-less") << change(50, 100) << u"-50_%"_s;
     QTest::newRow("change-none") << change(1001, 1000) << u"±0_%"_s;
     QTest::newRow("change-from-nothing") << change(3, 0) << u"new"_s;
+    QTest::newRow("points-more") << points(1.04) << u"+1.0 points"_s;
+    QTest::newRow("points-less") << points(-12.34) << u"-12.3 points"_s;
+    QTest::newRow("points-none") << points(-0.04) << u"±0 points"_s;
+    QTest::newRow("scale-decimal") << scaleLabel(decimal(5, 1)) << u"5"_s;
+    QTest::newRow("scale-unit") << scaleLabel(bytes(16.0 * 1024)) << u"16_KiB"_s;
+    QTest::newRow("scale-needed") << scaleLabel(decimal(1.05, 2)) << u"1.05"_s;
+    QTest::newRow("scale-half") << scaleLabel(bytes(1.5 * 1024)) << u"1.5_KiB"_s;
+    QTest::newRow("scale-groups") << scaleLabel(count(100'000)) << u"100_000"_s;
+    QTest::newRow("scale-minutes") << scaleLabel(duration(120)) << u"2_min"_s;
+    QTest::newRow("scale-seconds-needed") << scaleLabel(duration(90)) << u"1_min~30_s"_s;
+    QTest::newRow("scale-days") << scaleLabel(duration(10 * 86400)) << u"10_d"_s;
     QTest::newRow("change-nothing-at-all") << change(0, 0) << u"–"_s;
 }
 

@@ -1,6 +1,7 @@
 #include "report/SiteData.h"
 
 #include "ReportFixture.h"
+#include "report/SitePage.h"
 
 #include <QSqlError>
 
@@ -177,6 +178,7 @@ void tst_SiteData::rankingsAreCut()
 void tst_SiteData::rankingsOfManyRows()
 {
     // The first day has one row, the second all but one that rankings can be made of, the third another.
+    addDay(1, u"2026-03-02"_s, 9);
     addValue(u"path"_s, u"/first"_s, 9, {}, u"NULL, NULL"_s, u"2026-03-02"_s);
     run(u"INSERT INTO tarn.site_day_values (site_id, day, dimension, value, hits, visitors) "
         "SELECT 1, '2026-03-03', 'path', '/' || n, 1, 1 FROM generate_series(1, %1) n"_s.arg(kRankedRows
@@ -193,6 +195,12 @@ void tst_SiteData::rankingsOfManyRows()
     QCOMPARE(figures.ranked.last, QDate(2026, 3, 4));
     QCOMPARE(figures.rankings[u"path"_s].values[0].value, u"/last"_s);
     QCOMPARE(figures.rankings[u"path"_s].hits, kRankedRows - 2 + 5);
+    // The page says so.
+    Now now;
+    now.minute = u"2026-03-04 12:00"_s;
+    QVERIFY(sitePage(figures, now).contains("of the last 2 days, from 2026-03-03 on"));
+    figures.ranked = figures.period;
+    QVERIFY(!sitePage(figures, now).contains("from 2026-03-03 on"));
 
     // More on the last day alone: there is nothing less to show.
     run(u"UPDATE tarn.site_day_values SET day = '2026-03-04'"_s);

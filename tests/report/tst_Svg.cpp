@@ -19,6 +19,8 @@ class tst_Svg : public QObject
 private Q_SLOTS:
     void tops_data();
     void tops();
+    void topsOfSeconds_data();
+    void topsOfSeconds();
     void lineChartWithEverything();
     void lineChartWithoutValues();
     void valuesOutsideStayInside();
@@ -39,9 +41,10 @@ void tst_Svg::tops_data()
     QTest::newRow("no-number") << std::nan("") << 1.0 << 1.0;
     QTest::newRow("infinite") << std::numeric_limits<double>::infinity() << 1.0 << 1.0;
     QTest::newRow("at-a-step") << 2.0 << 2.0 << 2.0;
-    QTest::newRow("past-a-step") << 2.01 << 2.5 << 4.0;
-    QTest::newRow("below-one") << 0.3 << 0.5 << 1.0;
-    QTest::newRow("next-power") << 5001.0 << 10000.0 << 8192.0;
+    QTest::newRow("past-a-step") << 2.01 << 4.0 << 4.0;
+    QTest::newRow("below-one") << 0.3 << 0.4 << 1.0;
+    QTest::newRow("between-powers") << 5001.0 << 6000.0 << 8192.0;
+    QTest::newRow("next-power") << 8001.0 << 10000.0 << 8192.0;
 }
 
 void tst_Svg::tops()
@@ -49,6 +52,27 @@ void tst_Svg::tops()
     QFETCH(const double, greatest);
     QTEST(roundTop(greatest), "decimal");
     QTEST(roundTopBinary(greatest), "binary");
+}
+
+void tst_Svg::topsOfSeconds_data()
+{
+    QTest::addColumn<double>("greatest");
+    QTest::addColumn<double>("top");
+
+    QTest::newRow("nothing") << 0.0 << 1.0;
+    QTest::newRow("no-number") << std::nan("") << 1.0;
+    QTest::newRow("few") << 10.0 << 10.0;
+    QTest::newRow("past-ten") << 10.1 << 20.0;
+    QTest::newRow("a-minute") << 60.0 << 60.0;
+    QTest::newRow("past-a-minute") << 61.0 << 120.0;
+    QTest::newRow("past-four-hours") << 4 * 3600.0 + 1 << 10 * 3600.0;
+    QTest::newRow("past-ten-hours") << 10 * 3600.0 + 1 << 20 * 3600.0;
+}
+
+void tst_Svg::topsOfSeconds()
+{
+    QFETCH(const double, greatest);
+    QTEST(roundTopSeconds(greatest), "top");
 }
 
 void tst_Svg::lineChartWithEverything()

@@ -104,6 +104,18 @@ describe('what stands on the pages', () => {
         await tab.close();
     });
 
+    test('host on a phone', async () => {
+        const { tab } = await open(pages.host, { width: widths[0] });
+        // What a row is about is seen without moving its table.
+        const hidden = await tab.evaluate(() => [...document.querySelectorAll('main .scroll')]
+            .filter((region) => region.scrollWidth > region.clientWidth).map((region) => region.ariaLabel));
+        assert.deepEqual(hidden, []);
+        const shown = (row) => row.locator('td:visible, th:visible').allTextContents();
+        const account = tab.locator('tr', { has: tab.locator('th', { hasText: 'shop.example.com' }) }).first();
+        assert.match((await shown(account))[1], /^9.4.GiB of 10.0.GiB.*\+[\d.]+.MiB$/);
+        await tab.close();
+    });
+
     test('site', async () => {
         const { tab } = await open(pages.host);
         await tab.getByRole('link', { name: 'www.example.org', exact: true }).click();
@@ -118,7 +130,13 @@ describe('what stands on the pages', () => {
         assert.doesNotMatch(await table('Other bots').textContent(), /GPTBot/);
         assert.match(await table('Search terms').textContent(), /walking boots/);
         assert.match(await table('Countries').textContent(), /Germany/);
+        assert.match(await table('Devices').textContent(), /Mobile/);
+        assert.match(await table(/^Sources$/).textContent(), /ChatGPT AI assistant/);
         assert.equal(await tab.locator('.heat tbody td').count(), 7 * 24);
+        assert.match(await tab.locator('.card', { has: tab.locator('.heat') }).textContent(),
+            /The strongest colour is (Mon|Tue|Wed|Thu|Fri|Sat|Sun) \d\d:00 with [\d\u202f]+\.$/);
+        assert.match(await tab.locator('.tiles').textContent(), /Live at \d\d:\d\d8visitors in the 5 minutes before/);
+        assert.match(await tab.locator('.tiles').textContent(), /Bounces[\d.]+\u202f%[+\u2212±][\d.]+ points, was/);
         await tab.getByText('The same by the day as a table').click();
         assert.equal(await tab.locator('details tbody tr').count(), 30);
         await tab.getByRole('link', { name: 'All sites and the host' }).click();
