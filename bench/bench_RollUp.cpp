@@ -71,17 +71,18 @@ void countDays(const QSqlDatabase& before, const QSqlDatabase& now)
     test::run(now, u"VACUUM ANALYZE"_s);
     for (const Day& day : kDays) {
         std::printf("\n%s\n", day.name);
-        const auto count = [&day](const QSqlDatabase& session, const QString& function) {
+        const auto count = [&day](const QSqlDatabase& session, const QString& mark, const QString& function) {
             test::run(session,
                       u"DELETE FROM tarn.site_days; DELETE FROM tarn.site_day_values; "
-                      "INSERT INTO tarn.rollup_due VALUES (%1, '2024-05-05') ON CONFLICT DO NOTHING; "
-                      "SELECT tarn.%2(%1, '2024-05-05')"_s.arg(day.site)
-                          .arg(function));
+                      "INSERT INTO tarn.rollup_due VALUES (%1, '2024-05-05'%2) ON CONFLICT DO NOTHING; "
+                      "SELECT tarn.%3(%1, '2024-05-05')"_s.arg(day.site)
+                          .arg(mark, function));
         };
+        const QString noted = u", %1"_s.arg(day.hits);
         bench::compare(
             {
-                {u"first layout"_s, [&] { count(before, u"rollup_day"_s); }},
-                {u"this one"_s,     [&] { count(now, u"count_day"_s); }    }
+                {u"first layout"_s, [&] { count(before, {}, u"rollup_day"_s); }},
+                {u"this one"_s,     [&] { count(now, noted, u"count_day"_s); } }
         },
             kRounds, day.hits, "hits/s");
     }

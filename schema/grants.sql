@@ -87,6 +87,7 @@ ORDER BY r.name, place
     GRANT SELECT, INSERT, UPDATE ON tarn.site_days TO :"collector";
     GRANT SELECT, INSERT, DELETE ON tarn.site_day_values TO :"collector";
     GRANT EXECUTE ON FUNCTION tarn.day_start(date), tarn.day_start(date, text), tarn.hits_of_day(integer, date),
+                              tarn.read_day(integer, date, text[]), tarn.figures_of_day(integer, date, boolean),
                               tarn.count_day(integer, date), tarn.rollup_day(integer, date) TO :"collector";
 
     -- Connecting and disconnecting are the panel's.

@@ -606,7 +606,7 @@ CREATE OR REPLACE TRIGGER mark_rollup_due AFTER INSERT ON tarn.hits
     FOR EACH STATEMENT EXECUTE FUNCTION tarn.mark_rollup_due();
 
 CREATE OR REPLACE FUNCTION tarn.day_start(day date) RETURNS timestamptz
-LANGUAGE sql STABLE
+LANGUAGE sql STABLE PARALLEL SAFE
 RETURN CASE
     WHEN (day_start.day::timestamptz - interval '1 hour')::date = day_start.day
     THEN day_start.day::timestamptz - interval '1 hour'
@@ -617,7 +617,7 @@ COMMENT ON FUNCTION tarn.day_start(date) IS
     'from one to zero (Azores, Cuba) midnight comes twice, and that is the second';
 
 CREATE OR REPLACE FUNCTION tarn.day_start(day date, zone text) RETURNS timestamptz
-LANGUAGE sql STABLE
+LANGUAGE sql STABLE PARALLEL SAFE
 RETURN CASE
     WHEN ((day_start.day::timestamp AT TIME ZONE day_start.zone - interval '1 hour')
               AT TIME ZONE day_start.zone)::date = day_start.day
@@ -648,7 +648,7 @@ RETURNS TABLE (
     bot           text,
     engaged_secs  double precision,
     response_us   integer)
-LANGUAGE sql STABLE
+LANGUAGE sql STABLE PARALLEL SAFE
 BEGIN ATOMIC
     SELECT h.engaged_secs IS NOT NULL AND h.method IS NOT DISTINCT FROM 'BEACON',
            h.is_page IS TRUE AND h.bot IS NULL AND (h.status BETWEEN 200 AND 299 OR h.status = 304) IS TRUE
@@ -666,8 +666,17 @@ COMMENT ON FUNCTION tarn.hits_of_day(integer, date) IS
     'engagement report of the tracking snippet (any client can send the method alone); is_view, a page that a person '
     'was shown';
 
-CREATE OR REPLACE FUNCTION tarn.count_day(site_id integer, day date) RETURNS boolean
-LANGUAGE plpgsql VOLATILE STRICT
+CREATE OR REPLACE FUNCTION tarn.read_day(site_id integer, day date, readings text[])
+RETURNS TABLE (
+    dimension        text,
+    value            text,
+    part_of          text,
+    hits             bigint,
+    visitors         bigint,
+    engaged_seconds  double precision,
+    response_us_p95  integer)
+-- Dear enough for the planner to give several readings a worker each.
+LANGUAGE plpgsql STABLE STRICT PARALLEL SAFE COST 10000000
 SET search_path = pg_catalog, pg_temp
 -- Statistics lag behind on the very day that is being counted. These keep a wrong guess about it harmless: no scan of
 -- a whole table, no join and no grouping but by hash (other joins would compare each value with each, a matter of
@@ -677,81 +686,64 @@ SET enable_nestloop = off
 SET enable_mergejoin = off
 SET enable_sort = off
 SET jit = off
+-- The readings are spread over processes, not the steps of one.
+SET max_parallel_workers_per_gather = 0
 -- For each step of the statement; what does not fit goes through files.
 SET work_mem = '64MB'
 AS $$
-DECLARE
-    started   CONSTANT timestamptz := clock_timestamp();
-    here      CONSTANT text := current_setting('TimeZone');
-    this_day  CONSTANT timestamptz := tarn.day_start(count_day.day);
-    next_day  CONSTANT timestamptz := tarn.day_start(count_day.day + 1);
-    new_hits  bigint;
-    took_ms   integer;
+#variable_conflict use_column
 BEGIN
-    -- Hits that are on their way hold the mark of their day; it is left to the next call. A roll-up that waited for
-    -- them could wait in a circle: they lock their days in the order of the log, it in that of its caller.
-    SELECT d.hits INTO new_hits FROM tarn.rollup_due d
-    WHERE d.site_id = count_day.site_id AND d.day = count_day.day FOR UPDATE SKIP LOCKED;
-    IF NOT FOUND THEN
-        RETURN false;
-    END IF;
-    DELETE FROM tarn.rollup_due d WHERE d.site_id = count_day.site_id AND d.day = count_day.day;
-
-    -- One statement, so that all figures are of the same moment. It goes over the day twice: over all requests for what
-    -- needs little of each row, and over views, beacons and missing pages for the rest. To keep a million rows for a
-    -- second look costs more than to look at them again. Hits are summed as double precision, which is exact for whole
-    -- numbers up to 2^53; the sum of a bigint is a numeric, which is slow to add up again.
+    -- Three readings: request, visit and page. One that is not asked for has no rows, and what follows from it none.
+    -- Hits are summed as double precision, which is exact for whole numbers up to 2^53; the sum of a bigint is a
+    -- numeric, which is slow to add up again.
+    RETURN QUERY
     WITH request AS MATERIALIZED (
-        -- Three groupings in one reading. left_out says which a row is of: 3 by status, 5 by bot, 6 by response time.
-        -- The visitors of people stay out of the grouping by bot, so that they are one group there.
-        SELECT h.status, CASE WHEN GROUPING(h.status) = 0 THEN h.visitor ELSE h.bot_visitor END AS visitor, h.bot,
-               h.response_us, GROUPING(h.status, h.bot, h.response_us) AS left_out, count(*)::float8 AS hits,
-               sum(h.bytes) AS bytes
-        FROM (SELECT r.status, r.visitor, r.bot, CASE WHEN r.bot IS NOT NULL THEN r.visitor END AS bot_visitor,
-                     r.response_us, greatest(r.bytes, 0) AS bytes
-              FROM tarn.hits_of_day(count_day.site_id, count_day.day) r WHERE NOT r.is_beacon) h
-        GROUP BY GROUPING SETS ((h.status, h.visitor), (h.bot, h.bot_visitor), (h.response_us))
+        -- Two groupings in one: by response time, and by status, visitor and bot.
+        SELECT r.status, r.visitor, r.bot, r.response_us, GROUPING(r.response_us) = 0 AS by_time,
+               count(*)::float8 AS hits, sum(greatest(r.bytes, 0)) AS bytes
+        FROM tarn.hits_of_day(read_day.site_id, read_day.day) r
+        WHERE 'requests' = ANY (read_day.readings) AND NOT r.is_beacon
+        GROUP BY GROUPING SETS ((r.status, r.visitor, r.bot), (r.response_us))
     ), response AS MATERIALIZED (
         SELECT min(response_us) FILTER (WHERE 100 * up_to >= 50 * times) AS median,
                min(response_us) FILTER (WHERE 100 * up_to >= 95 * times) AS p95
         FROM (SELECT response_us, sum(hits) OVER (ORDER BY response_us) AS up_to, sum(hits) OVER () AS times
-              FROM request WHERE left_out = 6 AND response_us > 0) r
+              FROM request WHERE by_time AND response_us > 0) r
+    ), visit AS MATERIALIZED (
+        -- A visitor's views mostly agree in all this, so that each dimension has a third of the rows to count.
+        SELECT h.visitor, h.country, h.device, h.browser, h.os, h.source_kind, h.source, h.search_terms,
+               date_part('hour', h.at) AS hour, count(*)::float8 AS hits
+        FROM tarn.hits_of_day(read_day.site_id, read_day.day) h
+        WHERE 'visits' = ANY (read_day.readings) AND h.is_view
+        GROUP BY h.visitor, h.country, h.device, h.browser, h.os, h.source_kind, h.source, h.search_terms,
+                 date_part('hour', h.at)
+    ), client AS MATERIALIZED (
+        SELECT visitor, country, device, browser, os, sum(hits) AS hits FROM visit
+        GROUP BY visitor, country, device, browser, os
     ), page AS MATERIALIZED (
         -- What is neither view nor beacon here is a missing page.
-        SELECT h.is_view, h.is_beacon, h.visitor, h.bot IS NULL AS is_person, h.at, h.path,
+        SELECT h.is_view, h.is_beacon, h.bot IS NULL AS is_person, h.visitor, h.at, h.path,
                nullif(h.session_id, 0) AS session_id,
                CASE WHEN h.response_us > 0 THEN h.response_us END AS response_us,
                -- NaN is greater than every number here; the cap is what the collector lets through
                CASE WHEN h.is_beacon AND h.engaged_secs > 0 AND h.engaged_secs <> 'NaN'
-                    THEN least(h.engaged_secs, 21600) END AS engaged_secs,
-               h.country, h.source_kind, h.source, h.search_terms, h.device, h.browser, h.os
-        FROM tarn.hits_of_day(count_day.site_id, count_day.day) h
-        WHERE h.is_view OR h.is_beacon OR h.status IN (404, 410)
-    ), visit AS MATERIALIZED (
-        -- A visitor's views mostly agree in all this, so that each dimension has a third of the rows to count.
-        SELECT visitor, country, device, browser, os, source_kind, source, search_terms,
-               date_part('hour', at) AS hour, count(*)::float8 AS hits
-        FROM page WHERE is_view
-        GROUP BY visitor, country, device, browser, os, source_kind, source, search_terms, date_part('hour', at)
-    ), client AS MATERIALIZED (
-        SELECT visitor, country, device, browser, os, sum(hits) AS hits FROM visit
-        GROUP BY visitor, country, device, browser, os
+                    THEN least(h.engaged_secs, 21600) END AS engaged_secs
+        FROM tarn.hits_of_day(read_day.site_id, read_day.day) h
+        WHERE 'pages' = ANY (read_day.readings) AND (h.is_view OR h.is_beacon OR h.status IN (404, 410))
     ), beacon AS MATERIALIZED (
-        SELECT is_person, visitor, path, count(*) AS beacons, sum(engaged_secs) AS seconds
-        FROM page WHERE is_beacon GROUP BY is_person, visitor, path
+        SELECT is_person, path, count(*) AS beacons, sum(engaged_secs) AS seconds
+        FROM page WHERE is_beacon GROUP BY is_person, path
     ), path AS MATERIALIZED (
         SELECT path AS value, visitor, count(*)::float8 AS hits FROM page WHERE is_view AND path <> ''
         GROUP BY path, visitor
     ), session AS MATERIALIZED (
         SELECT session_id, count(*) FILTER (WHERE is_view) AS views, bool_or(is_person) AS is_person,
-               coalesce(max(engaged_secs), 0) > 10 AS stayed, min(at) FILTER (WHERE is_view) AS first_view
+               coalesce(max(engaged_secs), 0) > 10 AS stayed
         FROM page WHERE session_id IS NOT NULL AND (is_view OR is_beacon) GROUP BY session_id
     ), entry AS MATERIALIZED (
         SELECT path AS value, visitor, count(*)::float8 AS hits
-        FROM (SELECT DISTINCT ON (p.session_id) p.visitor, p.path
-              FROM page p JOIN session s ON s.session_id = p.session_id AND s.first_view = p.at
-              WHERE p.is_view
-              ORDER BY p.session_id, p.path COLLATE "C", p.visitor) first
+        FROM (SELECT DISTINCT ON (session_id) path, visitor FROM page WHERE is_view AND session_id IS NOT NULL
+              ORDER BY session_id, at, path COLLATE "C", visitor) first
         WHERE path <> '' GROUP BY path, visitor
     ), missing AS MATERIALIZED (
         SELECT path AS value, visitor, count(*)::float8 AS hits FROM page
@@ -763,7 +755,8 @@ BEGIN
         UNION ALL
         SELECT 'missing_path', value, '', visitor, hits FROM missing
         UNION ALL
-        SELECT 'source_kind', source_kind, '', visitor, sum(hits) FROM visit WHERE source_kind <> '' GROUP BY 2, 4
+        SELECT 'source_kind', source_kind, '', visitor, sum(hits) FROM visit
+        WHERE source_kind <> '' GROUP BY 2, 4
         UNION ALL
         SELECT 'source', source, coalesce(source_kind, ''), visitor, sum(hits) FROM visit
         WHERE source <> '' AND source_kind IS DISTINCT FROM 'campaign' GROUP BY 2, 3, 4
@@ -788,9 +781,11 @@ BEGIN
         SELECT 'hour', lpad(hour::text, 2, '0'), '', visitor, hits
         FROM (SELECT hour, visitor, sum(hits) AS hits FROM visit GROUP BY 1, 2) h
         UNION ALL
-        SELECT 'bot', bot, '', visitor, hits FROM request WHERE left_out = 5 AND bot <> ''
+        SELECT 'bot', bot, '', visitor, sum(hits) FROM request WHERE NOT by_time AND bot <> '' GROUP BY 2, 4
         UNION ALL
-        SELECT 'status', status::text, '', visitor, hits FROM request WHERE left_out = 3 AND status IS NOT NULL
+        SELECT 'status', status::text, '', visitor, hits
+        FROM (SELECT status, visitor, sum(hits) AS hits FROM request WHERE NOT by_time GROUP BY 1, 2) r
+        WHERE status IS NOT NULL
     ), total AS MATERIALIZED (
         SELECT dimension, value, part_of, sum(hits)::bigint AS hits, count(visitor) AS visitors
         FROM by_visitor GROUP BY dimension, value, part_of
@@ -824,39 +819,131 @@ BEGIN
         SELECT l.place, sum(b.seconds) AS seconds
         FROM beacon b JOIN path_place l ON l.value = b.path
         WHERE b.is_person GROUP BY l.place
+    )
+    SELECT v.dimension, v.value, v.part_of, v.hits, v.visitors,
+           CASE WHEN v.dimension = 'path' THEN coalesce(a.seconds, 0) END, r.p95
+    FROM (SELECT dimension, value, part_of, hits, visitors, place FROM kept
+          UNION ALL
+          SELECT dimension, '', '', hits, visitors, CASE WHEN dimension = 'path' THEN 0 END FROM rest) v
+    LEFT JOIN path_attention a ON a.place = v.place
+    LEFT JOIN path_response r ON r.place = v.place
+    UNION ALL
+    SELECT '', f.name, '', f.figure, NULL, NULL, NULL
+    FROM (VALUES
+        ('hits', (SELECT sum(hits)::bigint FROM request WHERE NOT by_time)),
+        ('bot_hits', (SELECT sum(hits)::bigint FROM request WHERE NOT by_time AND bot IS NOT NULL)),
+        ('errors_4xx', (SELECT sum(hits)::bigint FROM request WHERE NOT by_time AND status BETWEEN 400 AND 499)),
+        ('errors_5xx', (SELECT sum(hits)::bigint FROM request WHERE NOT by_time AND status BETWEEN 500 AND 599)),
+        ('bytes', (SELECT least(coalesce(sum(bytes), 0), 9223372036854775807)::bigint FROM request WHERE NOT by_time)),
+        ('response_us_median', (SELECT median FROM response)),
+        ('response_us_p95', (SELECT p95 FROM response)),
+        ('page_views', (SELECT sum(hits)::bigint FROM client)),
+        ('visitors', (SELECT count(visitor) FROM (SELECT visitor FROM page WHERE is_view OR is_beacon AND is_person
+                                                  GROUP BY visitor) p)),
+        ('sessions', (SELECT count(*) FROM session WHERE is_person)),
+        ('bounces', (SELECT count(*) FROM session WHERE is_person AND views = 1 AND NOT stayed)),
+        ('beacons', (SELECT sum(beacons)::bigint FROM beacon))) f (name, figure)
+    UNION ALL
+    SELECT '', 'engaged_seconds', '', NULL, NULL, sum(seconds), NULL FROM beacon WHERE is_person;
+END
+$$;
+COMMENT ON FUNCTION tarn.read_day(integer, date, text[]) IS
+    'Reads a site''s day from tarn.hits, once for each of the readings that are asked for: requests, visits and pages. '
+    'Gives the rows of tarn.site_day_values that follow from them, and under the dimension '''' the columns of '
+    'tarn.site_days by name: in hits, engaged_seconds in its own. Those of other readings are 0 or NULL';
+
+CREATE OR REPLACE FUNCTION tarn.figures_of_day(site_id integer, day date, is_large boolean)
+RETURNS TABLE (
+    dimension        text,
+    value            text,
+    part_of          text,
+    hits             bigint,
+    visitors         bigint,
+    engaged_seconds  double precision,
+    response_us_p95  integer)
+-- Stable, as tarn.read_day is, so that all readings are of the moment that the statement around them is of. In plpgsql,
+-- since a statement that writes uses no workers, but a query that such a function returns to it can.
+LANGUAGE plpgsql STABLE STRICT
+SET search_path = pg_catalog, pg_temp
+AS $$
+BEGIN
+    IF is_large THEN
+        -- The longest first, since the first worker takes it.
+        RETURN QUERY
+        SELECT * FROM tarn.read_day(figures_of_day.site_id, figures_of_day.day, '{pages}')
+        UNION ALL
+        SELECT * FROM tarn.read_day(figures_of_day.site_id, figures_of_day.day, '{visits}')
+        UNION ALL
+        SELECT * FROM tarn.read_day(figures_of_day.site_id, figures_of_day.day, '{requests}');
+    ELSE
+        RETURN QUERY
+        SELECT * FROM tarn.read_day(figures_of_day.site_id, figures_of_day.day, '{requests,visits,pages}');
+    END IF;
+END
+$$;
+COMMENT ON FUNCTION tarn.figures_of_day(integer, date, boolean) IS
+    'All that tarn.read_day makes of a site''s day. The readings of a large one are done side by side, as far as the '
+    'server has parallel workers to spare';
+
+CREATE OR REPLACE FUNCTION tarn.count_day(site_id integer, day date) RETURNS boolean
+LANGUAGE plpgsql VOLATILE STRICT
+SET search_path = pg_catalog, pg_temp
+-- For the comparison with what stands, as in tarn.read_day.
+SET enable_seqscan = off
+SET enable_nestloop = off
+SET enable_mergejoin = off
+SET enable_sort = off
+SET jit = off
+AS $$
+DECLARE
+    started   CONSTANT timestamptz := clock_timestamp();
+    here      CONSTANT text := current_setting('TimeZone');
+    this_day  CONSTANT timestamptz := tarn.day_start(count_day.day);
+    next_day  CONSTANT timestamptz := tarn.day_start(count_day.day + 1);
+    new_hits  bigint;
+    is_large  boolean;
+    took_ms   integer;
+BEGIN
+    -- Hits that are on their way hold the mark of their day; it is left to the next call. A roll-up that waited for
+    -- them could wait in a circle: they lock their days in the order of the log, it in that of its caller.
+    SELECT d.hits INTO new_hits FROM tarn.rollup_due d
+    WHERE d.site_id = count_day.site_id AND d.day = count_day.day FOR UPDATE SKIP LOCKED;
+    IF NOT FOUND THEN
+        RETURN false;
+    END IF;
+    DELETE FROM tarn.rollup_due d WHERE d.site_id = count_day.site_id AND d.day = count_day.day;
+
+    -- Below that, starting workers costs more than they save.
+    SELECT new_hits + coalesce(sum(s.raw_hits), 0) >= 50000 INTO is_large FROM tarn.site_days s
+    WHERE s.site_id = count_day.site_id AND s.day = count_day.day;
+
+    -- One statement, so that all figures are of the same moment.
+    WITH counted AS MATERIALIZED (
+        SELECT * FROM tarn.figures_of_day(count_day.site_id, count_day.day, is_large)
     ), fresh AS MATERIALIZED (
-        SELECT v.dimension, v.value, v.part_of, v.hits, v.visitors,
-               CASE WHEN v.dimension = 'path' THEN coalesce(a.seconds, 0) END AS engaged_seconds,
-               r.p95 AS response_us_p95
-        FROM (SELECT dimension, value, part_of, hits, visitors, place FROM kept
-              UNION ALL
-              SELECT dimension, '', '', hits, visitors, CASE WHEN dimension = 'path' THEN 0 END FROM rest) v
-        LEFT JOIN path_attention a ON a.place = v.place
-        LEFT JOIN path_response r ON r.place = v.place
-    ), people AS (
-        SELECT visitor FROM client
-        UNION
-        SELECT visitor FROM beacon WHERE is_person
-    ), figures AS (
-        SELECT coalesce(sum(hits), 0)::bigint AS hits,
-               least(coalesce(sum(bytes), 0), 9223372036854775807)::bigint AS bytes,
-               coalesce(sum(hits) FILTER (WHERE status BETWEEN 400 AND 499), 0)::bigint AS errors_4xx,
-               coalesce(sum(hits) FILTER (WHERE status BETWEEN 500 AND 599), 0)::bigint AS errors_5xx,
-               (SELECT coalesce(sum(hits), 0) FROM request WHERE left_out = 5 AND bot IS NOT NULL)::bigint AS bot_hits,
-               (SELECT coalesce(sum(beacons), 0) FROM beacon)::bigint AS beacons
-        FROM request WHERE left_out = 3
+        SELECT * FROM counted WHERE dimension <> ''
+    ), figures AS MATERIALIZED (
+        SELECT coalesce(sum(hits) FILTER (WHERE value = 'hits'), 0)::bigint AS hits,
+               coalesce(sum(hits) FILTER (WHERE value = 'page_views'), 0)::bigint AS page_views,
+               coalesce(sum(hits) FILTER (WHERE value = 'visitors'), 0)::bigint AS visitors,
+               coalesce(sum(hits) FILTER (WHERE value = 'sessions'), 0)::bigint AS sessions,
+               coalesce(sum(hits) FILTER (WHERE value = 'bounces'), 0)::bigint AS bounces,
+               coalesce(sum(hits) FILTER (WHERE value = 'bot_hits'), 0)::bigint AS bot_hits,
+               coalesce(sum(hits) FILTER (WHERE value = 'bytes'), 0)::bigint AS bytes,
+               coalesce(sum(hits) FILTER (WHERE value = 'errors_4xx'), 0)::bigint AS errors_4xx,
+               coalesce(sum(hits) FILTER (WHERE value = 'errors_5xx'), 0)::bigint AS errors_5xx,
+               coalesce(sum(hits) FILTER (WHERE value = 'beacons'), 0)::bigint AS beacons,
+               coalesce(sum(engaged_seconds), 0) AS engaged_seconds,
+               max(hits) FILTER (WHERE value = 'response_us_median') AS response_us_median,
+               max(hits) FILTER (WHERE value = 'response_us_p95') AS response_us_p95
+        FROM counted WHERE dimension = ''
     ), written AS (
         INSERT INTO tarn.site_days AS s
             (site_id, day, hits, page_views, visitors, sessions, bounces, bot_hits, bytes, errors_4xx, errors_5xx,
              engaged_seconds, raw_hits, updated_at, response_us_median, response_us_p95, rollup_ms, zone)
-        SELECT count_day.site_id, count_day.day, f.hits,
-               (SELECT coalesce(sum(hits), 0) FROM client),
-               (SELECT count(visitor) FROM people),
-               (SELECT count(*) FILTER (WHERE is_person) FROM session),
-               (SELECT count(*) FILTER (WHERE views = 1 AND NOT stayed) FROM session),
-               f.bot_hits, f.bytes, f.errors_4xx, f.errors_5xx,
-               (SELECT coalesce(sum(seconds), 0) FROM beacon WHERE is_person),
-               f.hits + f.beacons, now(), (SELECT median FROM response), (SELECT p95 FROM response), 0, here
+        SELECT count_day.site_id, count_day.day, f.hits, f.page_views, f.visitors, f.sessions, f.bounces, f.bot_hits,
+               f.bytes, f.errors_4xx, f.errors_5xx, f.engaged_seconds, f.hits + f.beacons, now(), f.response_us_median,
+               f.response_us_p95, 0, here
         FROM figures f
         -- What has no hits any more stands as it is; what never had any gets no row.
         WHERE f.hits + f.beacons > 0

@@ -115,10 +115,10 @@ private Q_SLOTS:
         run(u"BEGIN"_s);
         const int pages = test::pagesRead(session(), u"SELECT tarn.rollup_day(7, '2024-05-04')"_s);
 
-        // Read twice: the requests, and the page views. Not a row of any other day.
+        // Read three times: the requests, the visits and the pages. Not a row of any other day.
         QCOMPARE(scalar(u"SELECT seq_scan || ' ' || idx_tup_fetch FROM pg_stat_xact_user_tables "
                         "WHERE relname = 'hits'"_s),
-                 u"0 %1"_s.arg(2 * ofTheDay));
+                 u"0 %1"_s.arg(3 * ofTheDay));
         run(u"COMMIT"_s);
         QCOMPARE(scalar(u"SELECT hits FROM tarn.site_days WHERE site_id = 7"_s), QString::number(ofTheDay));
         const int ofTheTable = test::pagesOf(session(), u"tarn.hits"_s);
@@ -127,7 +127,89 @@ private Q_SLOTS:
         mark(u"2024-05-04"_s, 7);
         const QString plans = plansOf(u"SELECT tarn.count_day(7, '2024-05-04')"_s);
         static const QRegularExpression byIndex(u" hits_site_at (on hits)?[^(]*\\([^)]*\\) \\(actual"_s);
-        QVERIFY2(plans.count(byIndex) == 2 && !plans.contains(u"Seq Scan"_s), qPrintable(plans));
+        QVERIFY2(plans.count(byIndex) == 3 && !plans.contains(u"Seq Scan"_s), qPrintable(plans));
+    }
+
+    void largeDayIsReadByWorkers_data()
+    {
+        QTest::addColumn<int>("standing"); // hits behind the figures that stand, 0: none do
+        QTest::addColumn<int>("noted");
+        QTest::addColumn<bool>("byWorkers");
+        QTest::newRow("new-largest-without") << 0 << 49'999 << false;
+        QTest::newRow("new-smallest-with") << 0 << 50'000 << true;
+        QTest::newRow("grown-largest-without") << 49'000 << 999 << false;
+        QTest::newRow("grown-smallest-with") << 49'000 << 1'000 << true;
+    }
+
+    void largeDayIsReadByWorkers()
+    {
+        QFETCH(const int, standing);
+        QFETCH(const int, noted);
+        QFETCH(const bool, byWorkers);
+        storeMonths();
+        rollUp(u"2024-05-04"_s, 1);
+        if (standing > 0)
+            run(u"UPDATE tarn.site_days SET raw_hits = %1"_s.arg(standing));
+        else
+            run(u"DELETE FROM tarn.site_days"_s);
+        run(u"INSERT INTO tarn.rollup_due VALUES (1, '2024-05-04', %1)"_s.arg(noted));
+
+        const QString plans = plansOf(u"SELECT tarn.count_day(1, '2024-05-04')"_s);
+
+        QVERIFY2(plans.contains(u"tarn.read_day("_s), qPrintable(plans));
+        QCOMPARE(plans.contains(u"Parallel Append"_s), byWorkers);
+        QCOMPARE(plans.contains(u"Workers Launched: 2"_s), byWorkers);
+    }
+
+    void allReadingsAreOfTheMomentOfTheStatement_data()
+    {
+        QTest::addColumn<bool>("byWorkers");
+        QTest::newRow("alone") << false;
+        QTest::newRow("by-workers") << true;
+    }
+
+    void allReadingsAreOfTheMomentOfTheStatement()
+    {
+        QFETCH(const bool, byWorkers);
+        store({Hit{}});
+        run(u"CREATE FUNCTION pg_temp.store() RETURNS text LANGUAGE sql AS $$ "_s + analytics::kHitInsertion
+            + u"VALUES "_s + Hit{}.text() + u" RETURNING 'stored' $$"_s);
+
+        // The hit is stored when the figures are asked for, but later than the statement's snapshot.
+        const QString counted = scalar(
+            u"SELECT pg_temp.store() || ': ' || (SELECT string_agg(value || ' ' || hits, ', ' ORDER BY "
+            "value) FROM tarn.figures_of_day(1, '2024-05-05', %1) "
+            "WHERE dimension = '' AND value IN ('hits', 'page_views', 'sessions') AND hits > 0)"_s.arg(
+                byWorkers ? u"true"_s : u"false"_s));
+
+        QCOMPARE(counted, u"stored: hits 1, page_views 1, sessions 1"_s);
+        QCOMPARE(scalar(u"SELECT count(*) FROM tarn.hits"_s), u"2"_s);
+    }
+
+    void workersCountForRetentionToo()
+    {
+        storeMonths();
+        run(u"DELETE FROM tarn.rollup_due; INSERT INTO tarn.rollup_due VALUES (1, '2024-05-04', 50000)"_s);
+
+        const QString plans = plansOf(u"DELETE FROM tarn.hits WHERE at < '2024-05-05 00:00+00'"_s);
+
+        QVERIFY2(plans.contains(u"Workers Launched: 2"_s), qPrintable(plans));
+        QCOMPARE(scalar(u"SELECT hits FROM tarn.site_days WHERE site_id = 1 AND day = '2024-05-04'"_s),
+                 u"52"_s);
+    }
+
+    void serverWithoutWorkersCountsAlone()
+    {
+        storeMonths();
+        rollUp(u"2024-05-04"_s, 1);
+        const QString expected = scalar(u"SELECT hits || ' ' || visitors FROM tarn.site_days"_s);
+        run(u"SET max_parallel_workers = 0; DELETE FROM tarn.site_days; DELETE FROM tarn.rollup_due;"
+            "INSERT INTO tarn.rollup_due VALUES (1, '2024-05-04', 50000)"_s);
+
+        const QString plans = plansOf(u"SELECT tarn.count_day(1, '2024-05-04')"_s);
+
+        QVERIFY2(plans.contains(u"Workers Launched: 0"_s), qPrintable(plans));
+        QCOMPARE(scalar(u"SELECT hits || ' ' || visitors FROM tarn.site_days"_s), expected);
     }
 
     void oldHitsAreFoundThroughAnIndex()
