@@ -48,7 +48,7 @@ private Q_SLOTS:
     {
         run(u"DELETE FROM tarn.settings WHERE key = 'geoip_month'"_s);
         QVERIFY(geoIpIsStale());
-        run(u"DROP TABLE tarn.settings"_s);
+        run(u"DROP TABLE tarn.settings CASCADE"_s);
         QVERIFY(geoIpIsStale());
     }
 

@@ -130,7 +130,7 @@ private Q_SLOTS:
     {
         run(u"DELETE FROM tarn.settings WHERE key = 'visitor_secret'"_s);
         QVERIFY(!Ingest().init());
-        run(u"DROP TABLE tarn.settings"_s);
+        run(u"DROP TABLE tarn.settings CASCADE"_s);
         QVERIFY(!Ingest().init());
     }
 

@@ -241,7 +241,7 @@ void tst_Program::unwritableFolder()
 void tst_Program::failedStatementWritesNothing()
 {
     const QString database = fill({});
-    tarn::test::run(m_server.connect(database, u"admin"_s), u"DROP TABLE tarn.alerts"_s);
+    tarn::test::run(m_server.connect(database, u"admin"_s), u"DROP TABLE tarn.alerts CASCADE"_s);
     const QString folder = m_folder.filePath(u"none"_s);
     const Run run = report({u"--output"_s, folder}, database);
     QCOMPARE(run.status, 1);

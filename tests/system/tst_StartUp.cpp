@@ -138,7 +138,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("statement");
         QTest::newRow("no-secret") << u"DELETE FROM tarn.settings WHERE key = 'visitor_secret'"_s;
-        QTest::newRow("no-settings-table") << u"DROP TABLE tarn.settings"_s;
+        QTest::newRow("no-settings-table") << u"DROP TABLE tarn.settings CASCADE"_s;
     }
     void analyticsTablesMissing()
     {
