@@ -12,6 +12,8 @@ namespace {
 
 /// Accounts that are told of as near their limit; the others are in the table.
 constexpr qsizetype kAttentionAccounts = 20;
+/// Of the word that says what a point is about; the kinds that the collector knows are shorter.
+constexpr qsizetype kKindCharacters = 24;
 
 /// A point of the list at the top.
 void point(Html& html, bool bad, const QString& what, const QString& text, const QString& more)
@@ -19,7 +21,10 @@ void point(Html& html, bool bad, const QString& what, const QString& text, const
     const auto item = html.element("li", {
                                              {"class", bad ? u"bad"_s : u"near"_s}
     });
-    html.leaf("b", what);
+    {
+        const auto kind = html.element("b");
+        html.leaf("bdi", shortened(what, kKindCharacters));
+    }
     const auto said = html.element("span");
     html.leaf("bdi", shortened(text, kTitleCharacters));
     if (!more.isEmpty())

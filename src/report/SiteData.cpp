@@ -27,8 +27,9 @@ const auto kDayOfRow = u"SELECT day FROM tarn.site_day_values WHERE site_id = ? 
 /// several days is not to be had from theirs; their mean by views says enough about what is slow.
 /// Sorting costs more than adding up. Hence only those values are sorted that have as many hits as the last
 /// one that a list of a single day, the first that is bound, would have: with fewer there is no place for it.
+/// Each part is computed once, also where a table that was just filled has no statistics yet.
 const auto kRankings =
-    u"WITH one_day AS (SELECT dimension, hits AS least FROM (SELECT dimension, hits, "
+    u"WITH one_day AS MATERIALIZED (SELECT dimension, hits AS least FROM (SELECT dimension, hits, "
     "row_number() OVER (PARTITION BY dimension ORDER BY hits DESC) AS place "
     "FROM tarn.site_day_values WHERE site_id = ? AND day = ? AND value <> '') s WHERE place = ?), "
     "v AS MATERIALIZED (SELECT dimension, value, part_of, sum(hits) AS hits, sum(visitors) AS visitors, "
@@ -36,7 +37,7 @@ const auto kRankings =
     "/ nullif(sum(hits) FILTER (WHERE response_us_p95 IS NOT NULL), 0) AS p95 "
     "FROM tarn.site_day_values WHERE site_id = ? AND day BETWEEN ? AND ? AND dimension <> 'hour' "
     "GROUP BY dimension, value, part_of), "
-    "d AS (SELECT dimension, total, coalesce(least, 0) AS least "
+    "d AS MATERIALIZED (SELECT dimension, total, coalesce(least, 0) AS least "
     "FROM (SELECT dimension, sum(hits) AS total FROM v GROUP BY dimension) t LEFT JOIN one_day USING "
     "(dimension)), "
     "r AS (SELECT v.*, d.total, row_number() OVER (PARTITION BY dimension "

@@ -15,7 +15,7 @@ namespace tarn::report {
 inline constexpr int kRankedValues = 40;
 /// Rows that rankings are made of, with those of the day that reaches it left out: more would take longer
 /// than half a second. An ordinary site has some 200 a day; the most that a day can have is 13,000.
-inline constexpr int kRankedRows = 200'000;
+inline constexpr int kRankedRows = 120'000;
 /// Search terms that a page can show.
 inline constexpr int kSearchTerms = 25;
 

@@ -114,7 +114,7 @@ tr.sum>*{color:var(--dim);border-top:1px solid var(--line)}
 .meter.near rect:last-child{fill:var(--near)}.meter.over rect:last-child{fill:var(--bad)}
 .up{color:var(--bad)}.narrow{display:none}
 @media (max-width:36rem){.wide{display:none}.narrow{display:block}th,td{padding-left:.5rem}
-tbody th,.scroll tbody th{min-width:5rem}.use .dim{display:block}td.use{white-space:normal;width:5.5rem}.sites .k{width:4rem}
+tbody th,.scroll tbody th{min-width:5rem}.use .dim{display:block}td.use{width:6rem}.sites .k{width:4rem}
 .alerts th.l{width:5.5rem}.alerts .t{min-width:6rem}}
 .heat{table-layout:fixed;border-collapse:separate;border-spacing:2px;min-width:0}
 .heat th,.heat td{padding:0;border:0;text-align:center;font-size:.75rem;color:var(--dim);height:1.5rem;

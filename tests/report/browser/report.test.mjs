@@ -135,7 +135,7 @@ describe('what stands on the pages', () => {
         assert.equal(await tab.locator('.heat tbody td').count(), 7 * 24);
         assert.match(await tab.locator('.card', { has: tab.locator('.heat') }).textContent(),
             /The strongest colour is (Mon|Tue|Wed|Thu|Fri|Sat|Sun) \d\d:00 with [\d\u202f]+\.$/);
-        assert.match(await tab.locator('.tiles').textContent(), /Live at \d\d:\d\d8visitors in the 5 minutes before/);
+        assert.match(await tab.locator('.tiles').textContent(), /Live at \d\d:\d\d\d+visitors in the 5 minutes before/);
         assert.match(await tab.locator('.tiles').textContent(), /Bounces[\d.]+\u202f%[+\u2212±][\d.]+ points, was/);
         await tab.getByText('The same by the day as a table').click();
         assert.equal(await tab.locator('details tbody tr').count(), 30);
@@ -162,6 +162,14 @@ describe('what strangers send', () => {
         assert.equal(await tab.locator('style').count(), 1);
         assert.equal(await tab.locator('main a[href]').count(), 0);
         assert.equal(await tab.locator('img, iframe, base, object, form, input').count(), 0);
+        await tab.close();
+    });
+
+    test('does not push the rest away', async () => {
+        const { tab } = await open(pages['hostile host']);
+        const kinds = await tab.locator('.attention b').allTextContents();
+        assert.ok(kinds.includes('/<script>window.hacked =…'), kinds.join('\n'));
+        assert.ok(kinds.every((kind) => kind.length <= 25), kinds.join('\n'));
         await tab.close();
     });
 
