@@ -1,4 +1,5 @@
-// The list at the top of the host's page: open alerts, accounts near or over their limits, logs that are behind.
+// The list at the top of the host's page: open alerts, accounts near or over their limits, logs that are
+// behind.
 #pragma once
 
 #include "report/HostData.h"

@@ -43,17 +43,16 @@ QString short1(double number)
 const QList<Picture>& pictures()
 {
     static const QList<Picture> all = {
-        {u"Load"_s,                u"load"_s,        Load,           u"mean"_s,     LoadMax,     u"greatest"_s,          1,    short1,       false},
+        {u"Load"_s,                u"load"_s,        Load,           u"mean"_s,     LoadMax,     u"greatest"_s,          1,    short1,  false},
         {u"Processors"_s,          u"temperature"_s, Processors,     u"in use"_s,   IoWait,      u"waiting for disks"_s, 100,
          percent,                                                                                                                       false},
         {u"Memory"_s,              u"memory"_s,      Memory,         u"in use"_s,   Swap,        u"swap in use"_s,       100,  percent, false},
-        {u"Apache's workers"_s,    u"apache"_s,      BusyWorkers,    u"busy"_s,     Workers,     u"all"_s,               1,    short1,       false},
+        {u"Apache's workers"_s,    u"apache"_s,      BusyWorkers,    u"busy"_s,     Workers,     u"all"_s,               1,    short1,  false},
         {u"Requests per second"_s, u"apache"_s,      ApacheRequests, u"requests"_s, MetricCount, u""_s,                  1,    short1,
-         false                                                                                                                                    },
-        {u"Network"_s,             u""_s,            NetOut,         u"sent"_s,     NetIn,       u"received"_s,          1024, rate,         true },
-        {u"Disk space of /"_s,     u"disk"_s,        DiskUsed,       u"in use"_s,   MetricCount, u""_s,                  100,  percent,
-         false                                                                                                                                    },
-        {u"Disk traffic"_s,        u""_s,            DiskWritten,    u"written"_s,  DiskRead,    u"read"_s,              1024, rate,         true },
+         false                                                                                                                               },
+        {u"Network"_s,             u""_s,            NetOut,         u"sent"_s,     NetIn,       u"received"_s,          1024, rate,    true },
+        {u"Disk space of /"_s,     u"disk"_s,        DiskUsed,       u"in use"_s,   MetricCount, u""_s,                  100,  percent, false},
+        {u"Disk traffic"_s,        u""_s,            DiskWritten,    u"written"_s,  DiskRead,    u"read"_s,              1024, rate,    true },
     };
     return all;
 }
@@ -144,10 +143,9 @@ LineChart chartOf(const Picture& picture, const Extremes& main, const Extremes& 
     chart.top = picture.binary ? roundTopBinary(most) : roundTop(most);
     chart.topLabel = scaleLabel(picture.text(chart.top));
     chart.middleLabel = scaleLabel(picture.text(chart.top / 2));
-    chart.description = main.known
-                            ? u"%1, %2: %3 on average, at most %4"_s.arg(
-                                picture.title, picture.mainName, picture.text(main.mean), picture.text(main.most))
-                            : picture.title + u": not measured"_s;
+    chart.description = main.known ? u"%1, %2: %3 on average, at most %4"_s.arg(
+                            picture.title, picture.mainName, picture.text(main.mean), picture.text(main.most))
+                                   : picture.title + u": not measured"_s;
     return chart;
 }
 
@@ -241,7 +239,7 @@ void alertLines(Html& html, const HostFigures& figures, const QList<Tick>& ticks
         const QList<Span> spans = spansOf(figures, kind);
         {
             const auto name = html.element("span", {
-                                                       {"class", u"name"_s     },
+                                                       {"class", u"name"_s      },
                                                        {"title", alertName(kind)}
             });
             html.leaf("bdi", shortened(shortAlertName(kind), kShownCharacters));

@@ -261,11 +261,13 @@ void note(Html& html, QStringView text)
 
 Html::Element scrolling(Html& html, const QString& name)
 {
-    return html.element("div", {
-                                   {"class",      u"scroll"_s},
-                                   {"tabindex",   u"0"_s     },
-                                   {"role",       u"region"_s},
-                                   {"aria-label", name       }
+    return html.element(
+        "div",
+        {
+            {"class",      u"scroll"_s},
+            {"tabindex",   u"0"_s     },
+            {"role",       u"region"_s},
+            {"aria-label", name       }
     });
 }
 

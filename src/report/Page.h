@@ -76,8 +76,8 @@ struct RankingTable
     QString valueName; ///< heading of the values
     QList<Column> columns;
     int rows = 12;
-    bool withPart = false;                             ///< tell what a value is part of
-    QString note;                                      ///< below, if any
+    bool withPart = false;                                 ///< tell what a value is part of
+    QString note = {};                                     ///< below, if any
     std::function<QString(const QString&)> label = {};     ///< another text for a value, if given
     std::function<QString(const QString&)> partLabel = {}; ///< the same for what it is part of
 };

@@ -55,11 +55,14 @@ double topOfShare(double most)
 const QList<Figure>& dailyFigures()
 {
     static const QList<Figure> figures = {
-        {u"Visitors"_s, [](const Day& day) { return static_cast<double>(day.visitors); }, whole, topOfWhole},
-        {u"Page views"_s, [](const Day& day) { return static_cast<double>(day.views); }, whole, topOfWhole},
-        {u"Sessions"_s, [](const Day& day) { return static_cast<double>(day.sessions); }, whole, topOfWhole},
-        {u"Bounces"_s, bounceRate, percent, topOfShare, true},
-        {u"Attention per view"_s, attention, duration, roundTopSeconds, true},
+        {u"Visitors"_s,           [](const Day& day) { return static_cast<double>(day.visitors); }, whole,    topOfWhole,
+         false                                                                                                                     },
+        {u"Page views"_s,         [](const Day& day) { return static_cast<double>(day.views); },    whole,    topOfWhole,
+         false                                                                                                                     },
+        {u"Sessions"_s,           [](const Day& day) { return static_cast<double>(day.sessions); }, whole,    topOfWhole,
+         false                                                                                                                     },
+        {u"Bounces"_s,            bounceRate,                                                       percent,  topOfShare,      true},
+        {u"Attention per view"_s, attention,                                                        duration, roundTopSeconds, true},
     };
     return figures;
 }
@@ -112,11 +115,10 @@ void dailyChart(Html& html, const SiteFigures& figures, const Figure& figure)
     chart.top = figure.top(std::max(greatest(now), greatest(before)));
     chart.topLabel = scaleLabel(figure.text(chart.top));
     chart.middleLabel = scaleLabel(figure.text(chart.top / 2));
-    chart.description =
-        u"%1 per day, %2 to %3: %4 %5, at most %6 on a day; %7 in the period before"_s.arg(
-            figure.name, isoDate(figures.period.first), isoDate(figures.period.last),
-            figure.text(figure.value(figures.total)), figure.isMean ? u"on average"_s : u"in all"_s,
-            figure.text(greatest(now)), figure.text(figure.value(figures.totalBefore)));
+    chart.description = u"%1 per day, %2 to %3: %4 %5, at most %6 on a day; %7 in the period before"_s.arg(
+        figure.name, isoDate(figures.period.first), isoDate(figures.period.last),
+        figure.text(figure.value(figures.total)), figure.isMean ? u"on average"_s : u"in all"_s,
+        figure.text(greatest(now)), figure.text(figure.value(figures.totalBefore)));
     chart.ticks = dayTicks(figures.period.first, figures.days.size());
     chart.series = {
         {Curve::Before, before},
@@ -182,8 +184,7 @@ void tiles(Html& html, const SiteFigures& figures, const Now& now)
          u"visitors in the 5 minutes before"_s);
     const Day& total = figures.total;
     tile(html, u"Response time"_s, total.medianUs ? responseTime(*total.medianUs) : u"–"_s,
-         total.p95Us ? u"95\u202F% within "_s + responseTime(*total.p95Us)
-                     : u"not logged"_s);
+         total.p95Us ? u"95\u202F% within "_s + responseTime(*total.p95Us) : u"not logged"_s);
     tile(html, u"Sent"_s, bytes(static_cast<double>(total.bytes)),
          u"in %1 requests"_s.arg(count(total.requests)));
 }

@@ -23,27 +23,31 @@ void pages(Html& html, const SiteFigures& figures)
 {
     section(html, u"pages"_s, u"Pages"_s);
     if (figures.ranked.first > figures.period.first) {
-        html.leaf("p", u"The lists from here on are of the last %1 days, from %2 on: the whole period has too many "
-                       u"different values. Clicks and positions of searches are of all of it."_s.arg(
-                           count(figures.ranked.days()), isoDate(figures.ranked.first)));
+        html.leaf(
+            "p", u"The lists from here on are of the last %1 days, from %2 on: the whole period has too many "
+                 u"different values. Clicks and positions of searches are of all of it."_s.arg(
+                     count(figures.ranked.days()), isoDate(figures.ranked.first)));
     }
     const auto grid = html.element("div", {
                                               {"class", u"grid two"_s}
     });
-    const Column attentionColumn = {
-        u"Attention"_s, [](const Ranked& ranked) {
-            return duration(ranked.engagedSeconds / static_cast<double>(std::max<qint64>(ranked.hits, 1)));
-        }};
-    const Column slow = {
-        u"95\u202F% within"_s,
-        [](const Ranked& ranked) { return ranked.p95Us ? responseTime(*ranked.p95Us) : u"–"_s; }, true};
+    const auto attentionOf = [](const Ranked& ranked) {
+        return duration(ranked.engagedSeconds / static_cast<double>(std::max<qint64>(ranked.hits, 1)));
+    };
+    const auto slowestOf = [](const Ranked& ranked) {
+        return ranked.p95Us ? responseTime(*ranked.p95Us) : u"–"_s;
+    };
+    const QList<Column> columns = {
+        hitsColumn(u"Views"_s), Column{u"Attention"_s,        attentionOf, false},
+        Column{u"95\u202F% within"_s, slowestOf,   true }
+    };
     ranking(html, figures, u"path"_s,
-            {
-                u"Top pages"_s, u"Page"_s, {hitsColumn(u"Views"_s), attentionColumn, slow},
-                  15, false, {    }
-    });
+            {.title = u"Top pages"_s, .valueName = u"Page"_s, .columns = columns, .rows = 15});
     ranking(html, figures, u"entry_path"_s,
-            {u"Entry pages"_s, u"First page of a session"_s, {hitsColumn(u"Sessions"_s)}, 15, false, {}});
+            {.title = u"Entry pages"_s,
+             .valueName = u"First page of a session"_s,
+             .columns = {hitsColumn(u"Sessions"_s)},
+             .rows = 15});
 }
 
 void sources(Html& html, const SiteFigures& figures)
@@ -52,34 +56,23 @@ void sources(Html& html, const SiteFigures& figures)
     const auto grid = html.element("div", {
                                               {"class", u"grid two"_s}
     });
+    const QList<Column> columns = {hitsColumn(u"Views"_s), visitorsColumn()};
     ranking(html, figures, u"source_kind"_s,
-            {
-                u"Kinds of source"_s,
-                u"Kind"_s,
-                {hitsColumn(u"Views"_s), visitorsColumn()},
-                8,
-                false,
-                {                      },
-                sourceKindName
-    });
+            {.title = u"Kinds of source"_s,
+             .valueName = u"Kind"_s,
+             .columns = columns,
+             .rows = 8,
+             .label = sourceKindName});
     ranking(html, figures, u"source"_s,
-            {
-                u"Sources"_s, u"Source"_s, {hitsColumn(u"Views"_s), visitorsColumn()}, 12, true, {}, {}, sourceKindBehind
-    });
+            {.title = u"Sources"_s,
+             .valueName = u"Source"_s,
+             .columns = columns,
+             .withPart = true,
+             .partLabel = sourceKindBehind});
     ranking(html, figures, u"campaign"_s,
-            {
-                u"Campaigns"_s, u"Campaign"_s, {hitsColumn(u"Views"_s),        visitorsColumn()},
-                  12, true, {                             }
-    });
+            {.title = u"Campaigns"_s, .valueName = u"Campaign"_s, .columns = columns, .withPart = true});
     ranking(html, figures, u"campaign_source"_s,
-            {
-                u"Sources of campaigns"_s,
-                u"Source"_s,
-                {hitsColumn(u"Views"_s), visitorsColumn()},
-                8,
-                false,
-                {                      }
-    });
+            {.title = u"Sources of campaigns"_s, .valueName = u"Source"_s, .columns = columns, .rows = 8});
 }
 
 void audience(Html& html, const SiteFigures& figures)
@@ -89,10 +82,18 @@ void audience(Html& html, const SiteFigures& figures)
                                               {"class", u"grid four"_s}
     });
     const QList<Column> columns = {hitsColumn(u"Views"_s), visitorsColumn()};
-    ranking(html, figures, u"country"_s, {u"Countries"_s, u"Country"_s, columns, 12, false, {}, countryName});
-    ranking(html, figures, u"device"_s, {u"Devices"_s, u"Device"_s, columns, 4, false, {}, deviceName});
-    ranking(html, figures, u"browser"_s, {u"Browsers"_s, u"Browser"_s, columns, 10, false, {}});
-    ranking(html, figures, u"os"_s, {u"Systems"_s, u"System"_s, columns, 10, false, {}});
+    ranking(html, figures, u"country"_s,
+            {.title = u"Countries"_s, .valueName = u"Country"_s, .columns = columns, .label = countryName});
+    ranking(html, figures, u"device"_s,
+            {.title = u"Devices"_s,
+             .valueName = u"Device"_s,
+             .columns = columns,
+             .rows = 4,
+             .label = deviceName});
+    ranking(html, figures, u"browser"_s,
+            {.title = u"Browsers"_s, .valueName = u"Browser"_s, .columns = columns, .rows = 10});
+    ranking(html, figures, u"os"_s,
+            {.title = u"Systems"_s, .valueName = u"System"_s, .columns = columns, .rows = 10});
 }
 
 namespace {
@@ -126,9 +127,10 @@ void bots(Html& html, const SiteFigures& figures)
     const auto grid = html.element("div", {
                                               {"class", u"grid two"_s}
     });
-    rankingTable(html, {u"AI crawlers"_s, u"Crawler"_s, {hitsColumn(u"Requests"_s)}, 12, false, {}},
+    const QList<Column> columns = {hitsColumn(u"Requests"_s)};
+    rankingTable(html, {.title = u"AI crawlers"_s, .valueName = u"Crawler"_s, .columns = columns},
                  botsOf(all, true));
-    rankingTable(html, {u"Other bots"_s, u"Bot"_s, {hitsColumn(u"Requests"_s)}, 15, false, {}},
+    rankingTable(html, {.title = u"Other bots"_s, .valueName = u"Bot"_s, .columns = columns, .rows = 15},
                  botsOf(all, false));
 }
 
@@ -139,10 +141,18 @@ void answers(Html& html, const SiteFigures& figures)
                                               {"class", u"grid two"_s}
     });
     const QList<Column> columns = {hitsColumn(u"Requests"_s)};
-    ranking(html, figures, u"status"_s, {u"Statuses"_s, u"Status"_s, columns, 14, false, {}, statusName});
+    ranking(html, figures, u"status"_s,
+            {.title = u"Statuses"_s,
+             .valueName = u"Status"_s,
+             .columns = columns,
+             .rows = 14,
+             .label = statusName});
     ranking(html, figures, u"missing_path"_s,
-            {u"Broken links"_s, u"Path that is not there"_s, columns, 15, false,
-             u"Answered with 404 or 410, people and bots alike. Many are guesses of scanners."_s});
+            {.title = u"Broken links"_s,
+             .valueName = u"Path that is not there"_s,
+             .columns = columns,
+             .rows = 15,
+             .note = u"Answered with 404 or 410, people and bots alike. Many are guesses of scanners."_s});
 }
 
 } // namespace tarn::report

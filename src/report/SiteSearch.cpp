@@ -62,9 +62,10 @@ void search(Html& html, const SiteFigures& figures)
 {
     section(html, u"search"_s, u"Search"_s);
     searchTerms(html, figures);
-    note(html, u"Views: visits that told what was searched for. Clicks, how often the site was shown and its mean "
-        u"position are Google Search Console's, which counts days in Pacific time and is some two days "
-        u"behind.");
+    note(html,
+         u"Views: visits that told what was searched for. Clicks, how often the site was shown and its mean "
+         u"position are Google Search Console's, which counts days in Pacific time and is some two days "
+         u"behind.");
 }
 
 } // namespace tarn::report

@@ -56,8 +56,8 @@ struct LineChart
         titles; ///< one for each value, shown when its part of the chart is pointed at; or none at all
 };
 
-/// The next value not below @p greatest out of 1, 2, 4, 6, 8 times a power of ten; 1 for nothing or less. From
-/// 2 on its half, which the middle of the scale is labelled with, is a whole number.
+/// The next value not below @p greatest out of 1, 2, 4, 6, 8 times a power of ten; 1 for nothing or less.
+/// From 2 on its half, which the middle of the scale is labelled with, is a whole number.
 double roundTop(double greatest);
 /// The same in seconds, where minutes and hours are what is round.
 double roundTopSeconds(double greatest);

@@ -103,7 +103,8 @@ class Install(unittest.TestCase):
 
     def test_the_documents_name_what_is_there(self):
         install(self.folder, "/usr")
-        texts = "".join((options.source / name).read_text() for name in ["README.md", "docs/operations.md"])
+        documents = [options.source / "README.md", *(options.source / "docs").glob("*.md")]
+        texts = "".join(document.read_text() for document in documents)
         named = set(re.findall(r"/usr/(?:s?bin|lib|share)/[\w./-]*\w", texts))
         self.assertGreaterEqual(len(named), 2)
         for path in sorted(named):

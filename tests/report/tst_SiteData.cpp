@@ -342,8 +342,10 @@ void tst_SiteData::demo()
         readSite({1, u"www.example.org"_s}, {today.addDays(-29), today});
     QVERIFY(figures);
     // Those of demo.sql that are not older than five minutes by now.
-    QCOMPARE(QString::number(figures->liveVisitors),
-             scalar(u"SELECT count(DISTINCT visitor) FROM tarn.hits WHERE bot IS NULL AND at > now() - interval '5 minutes'"_s));
+    QCOMPARE(
+        QString::number(figures->liveVisitors),
+        scalar(
+            u"SELECT count(DISTINCT visitor) FROM tarn.hits WHERE bot IS NULL AND at > now() - interval '5 minutes'"_s));
     QCOMPARE(figures->searchTerms.first().term, u"walking boots"_s);
     QCOMPARE(
         QString::number(figures->total.views),
