@@ -1,5 +1,7 @@
 #include "common/Db.h"
 
+#include "common/ClientLibrary.h"
+#include "common/Prepared.h"
 #include "common/Settings.h"
 
 #include <QAbstractEventDispatcher>
@@ -10,8 +12,6 @@
 #include <QSqlQuery>
 #include <QTimeZone>
 
-#include <dlfcn.h>
-
 #include <optional>
 #include <utility>
 
@@ -20,9 +20,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace tarn::db {
 
 namespace {
-
-/// CONNECTION_OK of the client library's ConnStatusType (libpq-fe.h).
-constexpr int kConnectionOk = 0;
 
 /// Seconds that the client library waits for a server that takes the connection and says nothing. Without a
 /// limit it waits for minutes, and holds the event loop up.
@@ -48,19 +45,9 @@ void setTimeZone()
 /// The client library's own view of the session, kConnectionOk when it cannot be asked.
 int connectionStatus(const QSqlDatabase& database)
 {
-    using StatusFunction = int (*)(const void*);
-    // Only the copy that the driver has loaded: another one would not know the connection.
-    static const auto status = []() -> StatusFunction {
-        void* library = dlopen("libpq.so.5", RTLD_NOW | RTLD_NOLOAD);
-        return library ? reinterpret_cast<StatusFunction>(dlsym(library, "PQstatus")) : nullptr;
-    }();
-
-    const QVariant handle = database.driver()->handle();
-    // PGconn is a typedef of struct pg_conn. How Qt was built decides which name is reported.
-    const QByteArrayView type(handle.typeName());
-    if (!status || (type != "PGconn*" && type != "pg_conn*"))
-        return kConnectionOk;
-    return status(*static_cast<void* const*>(handle.constData()));
+    const ClientLibrary* library = clientLibrary();
+    const Connection* connection = connectionOf(database);
+    return library && connection ? library->status(connection) : kConnectionOk;
 }
 
 void rememberChannels(const QSqlDatabase& database)
@@ -77,17 +64,14 @@ void rememberChannels(const QSqlDatabase& database)
 /// has taken the number, the loop would run at full speed.
 void closeIfLost()
 {
-    QSqlDatabase database = session();
-    if (database.driver()->subscribedToNotifications().isEmpty() || database.isOpen())
-        return;
-    rememberChannels(database);
-    database.close();
+    const QSqlDatabase database = session();
+    if (!database.driver()->subscribedToNotifications().isEmpty() && !database.isOpen())
+        closeSession();
 }
 
 bool reconnect(QSqlDatabase& database)
 {
-    rememberChannels(database);
-    database.close();
+    closeSession();
     if (!database.open()) {
         qWarning("database: reconnect failed: %s", qPrintable(database.lastError().text()));
         return false;
@@ -101,18 +85,6 @@ bool reconnect(QSqlDatabase& database)
     }
     qInfo("database: reconnected");
     return true;
-}
-
-/// Runs a prepared query. The reason when it fails, else nothing.
-std::optional<QString> runForReason(QSqlQuery& query)
-{
-    const QSqlError earlier = query.lastError();
-    if (query.exec())
-        return std::nullopt;
-    // Qt runs a statement even if it could not be prepared, without its name, and the server calls that a
-    // syntax error. Only prepare() tells the real reason.
-    const bool unprepared = query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid();
-    return unprepared ? earlier.text() : query.lastError().text();
 }
 
 } // namespace
@@ -153,12 +125,31 @@ QSqlDatabase session()
     return QSqlDatabase::database(QLatin1StringView(QSqlDatabase::defaultConnection), false);
 }
 
+void closeSession()
+{
+    QSqlDatabase database = session();
+    rememberChannels(database);
+    dropStatements();
+    database.close();
+}
+
 bool ensure(bool force)
 {
     QSqlDatabase database = session();
     if (!force && database.isOpen() && connectionStatus(database) == kConnectionOk)
         return true;
     return reconnect(database);
+}
+
+std::optional<QString> runForReason(QSqlQuery& query)
+{
+    const QSqlError earlier = query.lastError();
+    if (query.exec())
+        return std::nullopt;
+    // Qt runs a statement even if it could not be prepared, without its name, and the server calls that a
+    // syntax error. Only prepare() tells the real reason.
+    const bool unprepared = query.lastError().nativeErrorCode() == kSyntaxError && earlier.isValid();
+    return unprepared ? earlier.text() : query.lastError().text();
 }
 
 bool exec(QSqlQuery& query)

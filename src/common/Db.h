@@ -5,6 +5,8 @@
 
 #include <QString>
 
+#include <optional>
+
 class QSettings;
 class QSqlDatabase;
 class QSqlQuery;
@@ -28,10 +30,16 @@ QSqlDatabase session();
 /// reconnect failed: ..."). Prepared queries of the lost session are void. Not to be called in a transaction.
 bool ensure(bool force);
 
+/// Closes the session until the next ensure(), which restores its channels.
+void closeSession();
+
 /// Runs a prepared query. False when it fails, which is logged as "sql: ...".
 bool exec(QSqlQuery& query);
 /// Runs @p statement, which has no values to bind, and leaves its result in @p query. Fails in the same way.
 bool exec(QSqlQuery& query, const QString& statement);
+
+/// Runs a prepared query without logging anything. The reason when it fails, else nothing.
+std::optional<QString> runForReason(QSqlQuery& query);
 
 /// Runs @p statement, which has neither values to bind nor a result. Fails in the same way.
 bool run(const QString& statement);

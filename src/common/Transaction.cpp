@@ -19,8 +19,10 @@ Transaction::Transaction()
 
 Transaction::~Transaction()
 {
-    if (m_begun && !m_ended)
+    if (m_begun && !m_ended) {
         session().rollback();
+        dropStatements();
+    }
 }
 
 bool Transaction::begun() const
@@ -41,15 +43,29 @@ QSqlQuery& Transaction::prepare(const QString& statement)
     return found->query;
 }
 
+Answer Transaction::ask(const QString& statement, const Values& values)
+{
+    if (std::optional<Answer> answer = askPrepared(statement, values))
+        return *answer;
+    return askQuery(prepare(statement), values);
+}
+
+bool Transaction::restart()
+{
+    QSqlDatabase database = session();
+    return database.rollback() && database.transaction();
+}
+
 bool Transaction::commit()
 {
     m_ended = true;
     QSqlDatabase database = session();
-    if (database.commit())
-        return true;
-    if (!m_spoilt)
+    const bool kept = database.commit();
+    if (!kept && !m_spoilt)
         logFailure(database.lastError().text());
-    return false;
+    if (!kept || m_spoilt)
+        dropStatements();
+    return kept;
 }
 
 } // namespace tarn::db

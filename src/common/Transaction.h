@@ -2,8 +2,11 @@
 //
 // A prepared statement must not die before its transaction has ended: inside an aborted one it cannot be
 // freed, and would stay in the server. The transaction therefore owns them, and frees them once it is over.
+// The statements of ask() are the session's (Prepared); it drops them after a transaction that was not kept.
 // Nothing may wait for the network meanwhile: a job that runs in the wait would become a part of it.
 #pragma once
+
+#include "common/Prepared.h"
 
 #include <QSqlQuery>
 #include <QString>
@@ -28,6 +31,12 @@ public:
     /// The prepared form of @p statement, to be bound and run. The same text gives the same query again. A
     /// text that cannot be prepared is tried again at the next call; db::exec() logs the reason.
     QSqlQuery& prepare(const QString& statement);
+
+    /// Runs a statement in it, prepared for as long as the session where that is possible. Logs nothing.
+    Answer ask(const QString& statement, const Values& values);
+
+    /// Takes everything back that was done in it, and begins anew. False when the server does not.
+    bool restart();
 
     /// Notes that nothing of the transaction can be kept, for a reason that has been logged.
     void spoil() { m_spoilt = true; }

@@ -2,6 +2,8 @@
 // ask for the live status then, and an open session counts as healthy.
 
 #include "common/Db.h"
+#include "common/Prepared.h"
+#include "common/Transaction.h"
 
 #include <QRegularExpression>
 #include <QSettings>
@@ -15,6 +17,7 @@
 #include <dlfcn.h>
 
 using namespace Qt::Literals::StringLiterals;
+using namespace tarn;
 
 namespace {
 
@@ -35,8 +38,21 @@ protected:
     bool fetchLast() override { return false; }
     int size() override { return 0; }
     int numRowsAffected() override { return 0; }
-    bool prepare(const QString&) override { return true; }
-    bool exec() override { return true; }
+    bool prepare(const QString& statement) override
+    {
+        s_statement = statement;
+        return true;
+    }
+    bool exec() override
+    {
+        s_values = boundValues();
+        clear();
+        return true;
+    }
+
+public:
+    static inline QString s_statement;
+    static inline QVariantList s_values;
 };
 
 class ForeignDriver : public QSqlDriver
@@ -44,7 +60,7 @@ class ForeignDriver : public QSqlDriver
 public:
     bool hasFeature(DriverFeature feature) const override
     {
-        return feature == PreparedQueries || feature == PositionalPlaceholders;
+        return feature == PreparedQueries || feature == PositionalPlaceholders || feature == Transactions;
     }
     bool open(const QString&, const QString&, const QString&, const QString&, int, const QString&) override
     {
@@ -53,6 +69,8 @@ public:
         return true;
     }
     void close() override { setOpen(false); }
+    bool beginTransaction() override { return true; }
+    bool rollbackTransaction() override { return true; }
     QSqlResult* createResult() const override { return new ForeignResult(this); }
     QVariant handle() const override { return s_handle; }
 
@@ -93,6 +111,32 @@ private Q_SLOTS:
         QVERIFY(tarn::db::ensure(false));
         QVERIFY(tarn::db::ensure(false));
         QCOMPARE(ForeignDriver::s_opened, before);
+    }
+
+    void statementsGoTheOrdinaryRoad()
+    {
+        const QDateTime at(QDate(2024, 10, 10), QTime(13, 55, 36), Qt::UTC);
+        db::Values values;
+        values.addInt(1);
+        values.addTime(at);
+        values.addText(u""_s);
+        values.addNull(db::Values::Kind::Text);
+        values.addBytes("visitor-");
+        QVERIFY(db::ask(u"SELECT ?, ?, ?, ?, ?"_s, values).ok);
+        QCOMPARE(ForeignResult::s_statement, u"SELECT ?, ?, ?, ?, ?"_s);
+        QCOMPARE(ForeignResult::s_values, QVariantList({1, at, u""_s, QVariant(), QByteArray("visitor-")}));
+        QVERIFY(!ForeignResult::s_values.at(2).isNull());
+
+        db::Transaction transaction;
+        QVERIFY(transaction.ask(u"SELECT ?"_s, values).ok);
+        QCOMPARE(ForeignResult::s_statement, u"SELECT ?"_s);
+        ForeignResult::s_statement.clear();
+        QVERIFY(!db::askAll({
+            {u"SELECT 1"_s, {}},
+            {u"SELECT 2"_s, {}}
+        }));
+        QCOMPARE(ForeignResult::s_statement, QString());
+        db::dropStatements();
     }
 
     void closedSessionIsOpenedAgain()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/Db.h"
+#include "common/Prepared.h"
 #include "support/PostgresServer.h"
 
 #include <QMap>
@@ -46,17 +47,22 @@ public:
         return db::open(file, u"tarn-collect"_s);
     }
 
-    /// Closes it, and other(). The running test fails if a prepared statement or a transaction was left in an
-    /// open one.
+    /// Closes it, and other(). The running test fails if a transaction or a prepared statement of a query was
+    /// left in an open one, or more of the session's own statements than it may keep.
     void close()
     {
         using namespace Qt::Literals::StringLiterals;
-        const auto clean = u"0 prepared, in a transaction: f"_s;
+        const auto clean = u"0 prepared by queries, too many by the session: f, in a transaction: f"_s;
         // In a transaction the time stands still.
-        const QString left = db::session().isOpen()
-                                 ? scalar(u"SELECT format('%s prepared, in a transaction: %s', count(*), "
-                                          "now() <> statement_timestamp()) FROM pg_prepared_statements"_s)
-                                 : clean;
+        const QString left =
+            db::session().isOpen()
+                ? scalar(u"SELECT format('%s prepared by queries, too many by the session: %s, in a "
+                         "transaction: %s', count(*) FILTER (WHERE name NOT LIKE 'tarn%'), coalesce("
+                         "sum(cardinality(parameter_types) + %1) FILTER (WHERE name LIKE 'tarn%') > %2, "
+                         "false), now() <> statement_timestamp()) FROM pg_prepared_statements"_s
+                             .arg(db::kPlaceholdersPerStatement)
+                             .arg(db::kMaxPlaceholders))
+                : clean;
         QSqlDatabase::removeDatabase(u"other"_s);
         QSqlDatabase::removeDatabase(QLatin1StringView(QSqlDatabase::defaultConnection));
         QCOMPARE(left, clean);
