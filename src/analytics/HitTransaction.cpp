@@ -2,9 +2,9 @@
 
 #include "common/Db.h"
 
-#include <QSqlError>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QStringList>
-#include <QVariant>
 
 #include <utility>
 
@@ -22,58 +22,120 @@ bool runInSilence(const QString& statement)
 
 } // namespace
 
-/// Runs @p lookUp, whose failure must not spoil the hits around it, behind a savepoint. The savepoint is set
-/// once for all look-ups between two batches. It is released before anything is written, so that rolling back
-/// to it costs nothing but the failed look-up.
-template <typename LookUp>
-auto HitTransaction::guarded(LookUp lookUp)
+/// To be called before each look-up: its failure must not spoil the hits around it. Once a batch is stored it
+/// runs behind a savepoint, which is set once for all look-ups between two batches. The savepoint is released
+/// before anything is written, so that rolling back to it costs nothing but the failed look-up. Before the
+/// first batch there is nothing to lose: takeBack() begins the transaction anew.
+void HitTransaction::guard()
 {
-    if (!m_guarded)
+    if (m_written && !m_guarded)
         m_guarded = runInSilence(u"SAVEPOINT look_up"_s);
-    auto result = lookUp();
-    if (!result && !runInSilence(u"ROLLBACK TO SAVEPOINT look_up"_s))
+}
+
+/// Makes the transaction usable again after a look-up that has failed; else it is spoilt.
+void HitTransaction::takeBack()
+{
+    const bool usable =
+        m_guarded ? runInSilence(u"ROLLBACK TO SAVEPOINT look_up"_s) : !m_written && m_transaction.restart();
+    if (!usable)
         m_transaction.spoil();
-    return result;
+}
+
+void HitTransaction::askAhead(const QList<LookUp>& lookUps)
+{
+    m_sessions.clear();
+    m_countries.clear();
+    // One alone waits once either way.
+    if (lookUps.size() < 2 || m_transaction.isSpoilt())
+        return;
+    QList<db::Question> questions;
+    questions.reserve(lookUps.size());
+    for (const LookUp& lookUp : lookUps) {
+        if (!lookUp.ip)
+            questions.append({kNextSessionQuery, {}});
+        else
+            questions.append({kCountryQuery, countryValues(*lookUp.ip)});
+    }
+    guard();
+    const std::optional<QList<db::Answer>> answers = db::askAll(questions);
+    if (!answers)
+        return;
+    if (!answers->constLast().ok) {
+        // With the session everything is lost; else the calls for each will say what fails.
+        if (!db::session().isOpen())
+            db::logFailure(answers->constLast().error);
+        takeBack();
+        return;
+    }
+    for (qsizetype i = answers->size() - 1; i >= 0; --i) {
+        const db::Answer& answer = answers->at(i);
+        if (!lookUps.at(i).ip)
+            m_sessions.append(sessionOf(answer).value_or(0));
+        else
+            m_countries.insert(*lookUps.at(i).ip, answer.value.value_or(QString()));
+    }
 }
 
 std::optional<qint64> HitTransaction::nextSession()
 {
-    QString error;
-    const std::optional<qint64> id = guarded([&error] { return nextSessionId(error); });
+    if (!m_sessions.isEmpty())
+        return m_sessions.takeLast();
+    guard();
+    const db::Answer answer = m_transaction.ask(kNextSessionQuery, {});
+    const std::optional<qint64> id = sessionOf(answer);
+    if (!id)
+        takeBack();
     if (!id && !std::exchange(m_sessionFailed, true))
-        db::logFailure(error);
+        db::logFailure(answer.error);
     return id;
 }
 
 std::optional<QString> HitTransaction::country(const QString& ip)
 {
-    return guarded([&] { return findCountry(m_transaction.prepare(kCountryQuery), ip); });
+    if (const auto known = m_countries.constFind(ip); known != m_countries.constEnd())
+        return *known;
+    guard();
+    const std::optional<QString> found = countryOf(m_transaction.ask(kCountryQuery, countryValues(ip)));
+    if (!found)
+        takeBack();
+    return found;
 }
 
-QSqlQuery& HitTransaction::insertion(qsizetype rows)
+bool HitTransaction::insert(qsizetype rows, const db::Values& values)
 {
     if (m_guarded)
         m_guarded = !runInSilence(u"RELEASE SAVEPOINT look_up"_s);
-    return m_transaction.prepare(hitInsertStatement(rows));
+    static const QString fullBatch = hitInsertStatement(kRowsPerInsert);
+    const db::Answer answer =
+        m_transaction.ask(rows == kRowsPerInsert ? fullBatch : hitInsertStatement(rows), values);
+    m_written = true;
+    if (answer.ok)
+        return true;
+    db::logFailure(answer.error);
+    m_transaction.spoil();
+    return false;
 }
 
-std::optional<QString> findCountry(QSqlQuery& query, const QString& ip)
+std::optional<QString> countryOf(const db::Answer& answer)
 {
-    query.addBindValue(db::storable(ip));
-    query.addBindValue(db::storable(ip));
-    if (!db::exec(query))
-        return std::nullopt;
-    return query.next() ? query.value(0).toString() : QString();
+    if (answer.ok)
+        return answer.value.value_or(QString());
+    db::logFailure(answer.error);
+    return std::nullopt;
 }
 
-std::optional<qint64> nextSessionId(QString& error)
+db::Values countryValues(const QString& ip)
 {
-    QSqlQuery query;
-    if (!query.exec(kNextSessionQuery) || !query.next()) {
-        error = query.lastError().text();
-        return std::nullopt;
-    }
-    return query.value(0).toLongLong();
+    const QString text = db::storable(ip);
+    db::Values values;
+    values.addText(text);
+    values.addText(text);
+    return values;
+}
+
+std::optional<qint64> sessionOf(const db::Answer& answer)
+{
+    return answer.ok && answer.value ? std::optional(answer.value->toLongLong()) : std::nullopt;
 }
 
 QString hitInsertStatement(qsizetype rows)

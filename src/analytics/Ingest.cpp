@@ -10,8 +10,6 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
-#include <QStringList>
-#include <QVariant>
 
 #include <arpa/inet.h>
 
@@ -29,6 +27,9 @@ constexpr qsizetype kMaxCountries = 200'000;
 constexpr qsizetype kMaxSessions = 50'000;
 constexpr qint64 kSessionGapSeconds = 1'800;
 
+/// The id of a session that is yet to be asked for.
+constexpr qint64 kSessionToCome = -1;
+
 constexpr qsizetype kMaxMethodBytes = 16;
 constexpr qsizetype kMaxPathLength = 2'000;
 constexpr qsizetype kMaxReferrerBytes = 1'000;
@@ -39,6 +40,9 @@ constexpr QByteArrayView kBeaconPath = "/tarn-b";
 
 /// SQLSTATE of a statement that names a missing table, or a table of a missing schema.
 constexpr auto kUndefinedTable = "42P01"_L1;
+
+const auto kHitsNotification = u"SELECT pg_notify('tarn_hits', ?)"_s;
+const auto kRollUp = u"SELECT tarn.rollup_day(?, ?)"_s;
 
 /// Runs @p statement and goes to its first row; false when there is none. Failures are logged, except a
 /// missing table, which the caller reports.
@@ -56,12 +60,6 @@ bool hasRow(QSqlQuery& query, const QString& statement)
 QString withoutNuls(QString text)
 {
     return text.remove(QChar::Null);
-}
-
-QVariant textOrNull(const QString& text)
-{
-    const QString value = db::storable(text);
-    return value.isEmpty() ? QVariant() : QVariant(value);
 }
 
 /// True for what PostgreSQL takes as an inet. Qt's own reader also takes "1", "127.1" and "fe80::1%eth0".
@@ -101,12 +99,35 @@ std::optional<Beacon> parseBeacon(QByteArrayView query)
 /// The number of a new session, outside a transaction.
 std::optional<qint64> nextSessionAlone()
 {
-    QString error;
-    const std::optional<qint64> id = nextSessionId(error);
-    if (!id)
-        db::logFailure(error);
-    return id;
+    const db::Answer answer = db::ask(kNextSessionQuery, {});
+    if (!answer.ok)
+        db::logFailure(answer.error);
+    return sessionOf(answer);
 }
+
+/// The local calendar days of one call's hits. The zone's rules are asked once for each quarter of an hour:
+/// since 1973 every zone's offset has been a multiple of that.
+class LocalDays
+{
+public:
+    void add(const QDateTime& at)
+    {
+        const qint64 second = at.toSecsSinceEpoch();
+        const qint64 quarter = second / kQuarterSeconds;
+        if (second >= kFirstSecond && quarter == m_quarter)
+            return;
+        m_quarter = quarter;
+        m_days.insert(at.toLocalTime().date());
+    }
+    const QSet<QDate>& days() const { return m_days; }
+
+private:
+    static constexpr qint64 kQuarterSeconds = 900;
+    static constexpr qint64 kFirstSecond = 94'694'400; // 1973-01-01
+
+    qint64 m_quarter = -1; // before kFirstSecond
+    QSet<QDate> m_days;
+};
 
 } // namespace
 
@@ -122,7 +143,7 @@ struct Ingest::Row
     QString country;
     Source source;
     Client client;
-    QVariant engagedSecs; ///< a double for beacons, else null
+    std::optional<double> engagedSecs; ///< for beacons
 };
 
 Ingest::Ingest() = default;
@@ -147,9 +168,11 @@ void Ingest::noteCountryLoad() const
 Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByteArray>& lines)
 {
     Result result;
+    LocalDays days;
     QList<Row> rows;
     rows.reserve(kRowsPerInsert);
     const auto store = [&] {
+        identify(rows, siteId, host);
         if (insertBatch(siteId, rows))
             result.stored += static_cast<int>(rows.size());
         rows.clear();
@@ -168,11 +191,10 @@ Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByte
         std::optional<Row> row = rowFor(std::move(*log));
         if (!row)
             continue;
-        result.days.insert(row->log.at.toLocalTime().date());
+        days.add(row->log.at);
         // Of a spoilt transaction nothing is kept: no id and no country is worth asking for.
         if (m_transaction->isSpoilt())
             continue;
-        identify(*row, siteId, host);
         rows.append(std::move(*row));
         if (rows.size() == kRowsPerInsert)
             store();
@@ -180,13 +202,13 @@ Ingest::Result Ingest::ingest(int siteId, const QString& host, const QList<QByte
     store();
     m_transaction->commit();
     m_transaction.reset();
+    result.days = days.days();
 
     pruneSessions();
     if (result.stored > 0 && db::session().isOpen()) {
-        QSqlQuery query;
-        query.prepare(u"SELECT pg_notify('tarn_hits', ?)"_s);
-        query.addBindValue(QString::number(siteId));
-        db::exec(query);
+        db::Values site;
+        site.addText(QString::number(siteId));
+        db::exec(kHitsNotification, site);
     }
     return result;
 }
@@ -215,50 +237,119 @@ std::optional<Ingest::Row> Ingest::rowFor(LogLine log)
     return row;
 }
 
-/// Adds to @p row who sent it, in which session, and from where.
-void Ingest::identify(Row& row, int siteId, const QString& host)
+/// Adds to each of @p rows who sent it, in which session, and from where.
+void Ingest::identify(QList<Row>& rows, int siteId, const QString& host)
 {
+    for (Row& row : rows)
+        row.visitor = visitorOf(row.log, siteId);
+    askAhead(rows);
+    for (Row& row : rows) {
+        if (m_transaction->isSpoilt())
+            return;
+        row.session = sessionFor(row.visitor, row.log.at);
+        row.country = country(row.ip);
+        row.source = classifySource(row.log.referrer, row.log.target, host);
+        const QByteArray& agent = row.log.userAgent;
+        row.client = m_clients.of(agent, [&agent] { return classifyClient(agent); });
+    }
+}
+
+QByteArray Ingest::visitorOf(const LogLine& log, int siteId)
+{
+    const QDate day = log.at.date();
+    // No address has a space in it.
+    const QByteArray key = QByteArray::number(siteId) + ' ' + QByteArray::number(day.toJulianDay()) + ' '
+                           + log.ip.toLatin1() + ' ' + log.userAgent;
+    return m_visitors.of(key, [&] { return visitorHash(siteId, log.ip, log.userAgent, day); });
+}
+
+/// Makes all look-ups that @p rows will need, in their order, at once.
+void Ingest::askAhead(const QList<Row>& rows)
+{
+    QList<HitTransaction::LookUp> lookUps;
+    QHash<QByteArray, Session> sessions; // as they will be behind the rows so far
+    QSet<QString> addresses;
+    for (const Row& row : rows) {
+        auto session = sessions.find(row.visitor);
+        if (session == sessions.end())
+            session = sessions.insert(row.visitor, m_sessions.value(row.visitor));
+        if (session->isOverAt(row.log.at)) {
+            session->id = kSessionToCome;
+            lookUps.append(HitTransaction::LookUp());
+        }
+        session->note(row.log.at);
+        // A text that is no address may be refused; it is asked for alone.
+        if (!m_haveGeo || row.ip.isEmpty() || m_countries.contains(row.ip) || addresses.contains(row.ip))
+            continue;
+        addresses.insert(row.ip);
+        lookUps.append({row.ip});
+    }
+    m_transaction->askAhead(lookUps);
+}
+
+void Ingest::Session::note(const QDateTime& at)
+{
+    if (!last.isValid() || at > last)
+        last = at;
+}
+
+bool Ingest::Session::isOverAt(const QDateTime& at) const
+{
+    // Lines out of order give a negative gap, which counts as a short one.
+    return id == 0 || last.secsTo(at) > kSessionGapSeconds;
+}
+
+/// Adds the columns of the insertion to @p values, in their order.
+void Ingest::addColumns(db::Values& values, int siteId, const Row& row)
+{
+    using Kind = db::Values::Kind;
+    const auto addText = [&values](const QString& text) { values.addText(db::storable(text)); };
+    const auto addTextOrNull = [&values](const QString& text) {
+        const QString value = db::storable(text);
+        if (value.isEmpty())
+            values.addNull(Kind::Text);
+        else
+            values.addText(value);
+    };
     const LogLine& log = row.log;
-    row.visitor = visitorHash(siteId, log.ip, log.userAgent, log.at.date());
-    row.session = sessionFor(row.visitor, log.at);
-    row.country = country(row.ip);
-    row.source = classifySource(log.referrer, log.target, host);
-    row.client = classifyClient(log.userAgent);
+    values.addInt(siteId);
+    values.addTime(log.at);
+    addText(QString::fromLatin1(log.method.left(kMaxMethodBytes)));
+    addText(row.path.left(kMaxPathLength));
+    values.addInt(log.status);
+    values.addBigInt(log.bytes);
+    values.addBool(row.page);
+    addTextOrNull(row.ip);
+    values.addBytes(row.visitor);
+    values.addBigInt(row.session);
+    addTextOrNull(row.country);
+    addText(row.source.kind);
+    addTextOrNull(row.source.name);
+    addTextOrNull(QString::fromUtf8(log.referrer.left(kMaxReferrerBytes)));
+    addTextOrNull(row.source.searchTerms);
+    addText(row.client.device);
+    addText(row.client.browser);
+    addText(row.client.os);
+    addTextOrNull(row.client.bot);
+    if (row.engagedSecs)
+        values.addDouble(*row.engagedSecs);
+    else
+        values.addNull(Kind::Double);
+    if (log.responseUs >= 0 && log.responseUs < std::numeric_limits<int>::max())
+        values.addInt(static_cast<int>(log.responseUs));
+    else
+        values.addNull(Kind::Int);
 }
 
 bool Ingest::insertBatch(int siteId, const QList<Row>& rows)
 {
     if (rows.isEmpty() || m_transaction->isSpoilt())
         return false;
-    QSqlQuery& query = m_transaction->insertion(rows.size());
-    for (const Row& row : rows) {
-        query.addBindValue(siteId);
-        query.addBindValue(row.log.at);
-        query.addBindValue(db::storable(QString::fromLatin1(row.log.method.left(kMaxMethodBytes))));
-        query.addBindValue(db::storable(row.path.left(kMaxPathLength)));
-        query.addBindValue(row.log.status);
-        query.addBindValue(row.log.bytes);
-        query.addBindValue(row.page);
-        query.addBindValue(textOrNull(row.ip));
-        query.addBindValue(row.visitor);
-        query.addBindValue(row.session);
-        query.addBindValue(textOrNull(row.country));
-        query.addBindValue(row.source.kind);
-        query.addBindValue(textOrNull(row.source.name));
-        query.addBindValue(textOrNull(QString::fromUtf8(row.log.referrer.left(kMaxReferrerBytes))));
-        query.addBindValue(textOrNull(row.source.searchTerms));
-        query.addBindValue(row.client.device);
-        query.addBindValue(row.client.browser);
-        query.addBindValue(row.client.os);
-        query.addBindValue(textOrNull(row.client.bot));
-        query.addBindValue(row.engagedSecs);
-        const bool known = row.log.responseUs >= 0 && row.log.responseUs < std::numeric_limits<int>::max();
-        query.addBindValue(known ? QVariant(static_cast<int>(row.log.responseUs)) : QVariant());
-    }
-    if (db::exec(query))
-        return true;
-    m_transaction->spoil();
-    return false;
+    db::Values values;
+    values.reserve(rows.size() * kValuesPerHit);
+    for (const Row& row : rows)
+        addColumns(values, siteId, row);
+    return m_transaction->insert(rows.size(), values);
 }
 
 /// Bounds the memory that a flood of made-up user agents can take.
@@ -273,11 +364,10 @@ void Ingest::pruneSessions()
 void Ingest::rollup(int siteId, const QSet<QDate>& days)
 {
     for (const QDate& day : days) {
-        QSqlQuery query;
-        query.prepare(u"SELECT tarn.rollup_day(?, ?)"_s);
-        query.addBindValue(siteId);
-        query.addBindValue(day);
-        if (!db::exec(query) && !db::session().isOpen())
+        db::Values values;
+        values.addInt(siteId);
+        values.addDate(day);
+        if (!db::exec(kRollUp, values) && !db::session().isOpen())
             return;
     }
 }
@@ -296,12 +386,9 @@ QByteArray Ingest::visitorHash(int siteId, const QString& ip, const QByteArray& 
 qint64 Ingest::sessionFor(const QByteArray& visitor, const QDateTime& at)
 {
     Session& open = m_sessions[visitor];
-    // Lines out of order give a negative gap, which counts as a short one.
-    if (open.id == 0 || open.last.secsTo(at) > kSessionGapSeconds) {
+    if (open.isOverAt(at))
         open.id = (m_transaction ? m_transaction->nextSession() : nextSessionAlone()).value_or(0);
-    }
-    if (!open.last.isValid() || at > open.last)
-        open.last = at;
+    open.note(at);
     return open.id;
 }
 
@@ -312,14 +399,8 @@ QString Ingest::country(const QString& ip)
     if (const auto known = m_countries.constFind(ip); known != m_countries.constEnd())
         return *known;
 
-    std::optional<QString> found;
-    if (m_transaction) {
-        found = m_transaction->country(ip);
-    } else {
-        QSqlQuery query;
-        query.prepare(kCountryQuery);
-        found = findCountry(query, ip);
-    }
+    const std::optional<QString> found =
+        m_transaction ? m_transaction->country(ip) : countryOf(db::ask(kCountryQuery, countryValues(ip)));
     // A lost session says nothing about the address, which comes again with the same line.
     if (!found && !db::session().isOpen())
         return {};

@@ -3,6 +3,9 @@
 // sessions and known addresses, in memory only. Main thread only.
 #pragma once
 
+#include "analytics/Classifier.h"
+#include "analytics/Remembered.h"
+
 #include <QByteArray>
 #include <QDate>
 #include <QDateTime>
@@ -13,6 +16,10 @@
 
 #include <memory>
 #include <optional>
+
+namespace tarn::db {
+class Values;
+}
 
 namespace tarn::analytics {
 
@@ -74,17 +81,25 @@ private:
     {
         qint64 id = 0;  ///< 0: none was assigned
         QDateTime last; ///< time of the last hit; invalid for a new entry
+
+        bool isOverAt(const QDateTime& at) const; ///< a hit at that time begins a new one
+        void note(const QDateTime& at);
     };
     struct Row;
 
     static std::optional<Row> rowFor(LogLine log);
-    void identify(Row& row, int siteId, const QString& host);
+    void identify(QList<Row>& rows, int siteId, const QString& host);
+    QByteArray visitorOf(const LogLine& log, int siteId);
+    void askAhead(const QList<Row>& rows);
+    static void addColumns(db::Values& values, int siteId, const Row& row);
     bool insertBatch(int siteId, const QList<Row>& rows);
     void pruneSessions();
 
     QByteArray m_secret;
     QHash<QByteArray, Session> m_sessions; ///< by visitor id
     QHash<QString, QString> m_countries;   ///< by address
+    Remembered<QByteArray> m_visitors;     ///< visitorHash() by site, day, address and user agent
+    Remembered<Client> m_clients;          ///< classifyClient() by user agent
     bool m_haveGeo = false;
     std::unique_ptr<HitTransaction> m_transaction; ///< of the running ingest(); null between calls
 };

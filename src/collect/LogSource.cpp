@@ -2,6 +2,7 @@
 
 #include "analytics/Ingest.h"
 #include "common/Db.h"
+#include "common/Prepared.h"
 
 #include <QFile>
 #include <QSet>
@@ -109,12 +110,11 @@ QList<QByteArray> linesOf(const QByteArray& data)
 
 bool storePlace(const LogSource& source, quint64 inode, qint64 offset)
 {
-    QSqlQuery query;
-    query.prepare(kPlaceStorage);
-    query.addBindValue(static_cast<qint64>(inode));
-    query.addBindValue(offset);
-    query.addBindValue(source.id);
-    return db::exec(query);
+    db::Values values;
+    values.addBigInt(static_cast<qint64>(inode));
+    values.addBigInt(offset);
+    values.addInt(source.id);
+    return db::exec(kPlaceStorage, values);
 }
 
 bool LongLines::isKnown(const LogSource& source, const LogFile& file, qint64 offset)

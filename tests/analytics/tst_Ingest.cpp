@@ -559,9 +559,13 @@ private Q_SLOTS:
             return log.filter(QRegularExpression(pattern)).size();
         };
         // One for the full batch and one for the rest.
-        QCOMPARE(count(u"statement: PREPARE \\S+ AS INSERT INTO tarn.hits"_s), 2);
+        QCOMPARE(scalar(u"SELECT count(*) FROM pg_prepared_statements WHERE statement LIKE 'INSERT INTO "
+                        "tarn.hits%'"_s),
+                 u"2"_s);
         // Three full ones, the rest, the notification.
-        QCOMPARE(count(u"statement: EXECUTE "_s), 3 + 1 + 1);
+        QCOMPARE(count(u"execute \\S+: INSERT INTO tarn.hits"_s), 3 + 1);
+        QCOMPARE(count(u"execute \\S+: SELECT pg_notify"_s), 1);
+        QCOMPARE(count(u"statement: (PREPARE|EXECUTE|SAVEPOINT)"_s), 0);
         QCOMPARE(count(u"statement: BEGIN"_s), 1);
         QCOMPARE(count(u"statement: COMMIT"_s), 1);
     }
@@ -724,6 +728,64 @@ private Q_SLOTS:
         QVERIFY(db::ensure(false));
         QCOMPARE(ingest({lineAt("10:00:00")}).stored, 1);
         QCOMPARE(hits(), u"1"_s);
+    }
+
+    void sessionsGetTheirNumbersInTheOrderOfTheLines()
+    {
+        useCountries();
+        QList<QByteArray> lines;
+        for (const int visitor : {1, 2, 1, 3, 2, 200, 4})
+            lines.append(Line{.ip = "192.0.2." + QByteArray::number(visitor)}.text());
+        lines.insert(3, Line{.ip = "192.0.2.1", .time = "10/Oct/2024:15:00:00 +0000"}.text());
+        QCOMPARE(ingest(lines).stored, 8);
+        QCOMPARE(scalar(u"SELECT string_agg(session_id::text, ' ' ORDER BY ctid) FROM tarn.hits"_s),
+                 u"1 2 1 3 4 2 5 6"_s);
+        QCOMPARE(scalar(u"SELECT string_agg(coalesce(country, '-'), ' ' ORDER BY ctid) FROM tarn.hits"_s),
+                 u"DE DE DE DE DE DE - DE"_s);
+        QCOMPARE(scalar(u"SELECT last_value FROM tarn.session_seq"_s), u"6"_s); // none more was asked for
+    }
+
+    void sessionLostInALookUpKeepsNothing_data()
+    {
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<QString>("last"); // the address whose look-up ends the session
+        QTest::newRow("alone") << 1 << u"192.0.2.1"_s;
+        QTest::newRow("among-many") << 50 << u"192.0.2.25"_s;
+        QTest::newRow("behind-a-batch") << 240 << u"192.0.2.230"_s;
+    }
+    void sessionLostInALookUpKeepsNothing()
+    {
+        QFETCH(const int, lines);
+        QFETCH(const QString, last);
+        useCountries();
+        run(u"ALTER TABLE tarn.geo_country RENAME TO away"_s);
+        run(u"CREATE VIEW tarn.geo_country AS SELECT * FROM tarn.away UNION ALL SELECT '%1'::inet, "
+            u"'%1'::inet, "
+            "pg_terminate_backend(pg_backend_pid(), 5000)::text"_s.arg(last));
+        QList<QByteArray> batch;
+        for (int i = 1; i <= lines; ++i)
+            batch.append(Line{.ip = "192.0.2." + QByteArray::number(i)}.text());
+        Ingest::Result result;
+        const QStringList messages = test::messagesOf([&] { result = ingest(batch); });
+        QVERIFY2(!messages.isEmpty() && messages.size() <= 5, qPrintable(messages.join(u" | "_s)));
+        QCOMPARE(result.lines, lines);
+        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
+        QVERIFY(db::ensure(false));
+        QCOMPARE(hits(), u"0"_s);
+        run(u"DROP VIEW tarn.geo_country"_s);
+        run(u"ALTER TABLE tarn.away RENAME TO geo_country"_s);
+        QCOMPARE(ingest(batch).stored, lines);
+        QCOMPARE(hits(), QString::number(lines));
+    }
+
+    void statementsOfAllSizesStayBoundedInTheServer()
+    {
+        for (int n = 1; n < 200; n += 3)
+            QCOMPARE(ingest(QList<QByteArray>(n, lineAt("10:00:00"))).stored, n);
+        const double megabytes =
+            scalar(u"SELECT sum(total_bytes) / 1048576.0 FROM pg_backend_memory_contexts"_s).toDouble();
+        QVERIFY2(megabytes < 16, qPrintable(QString::number(megabytes)));
+        // cleanup() counts their placeholders.
     }
 
     void aCountryTableThatIsNotUsedIsSaid()
