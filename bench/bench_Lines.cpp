@@ -7,6 +7,7 @@
 #include "analytics/HitTransaction.h"
 #include "analytics/Ingest.h"
 #include "collect/LogSource.h"
+#include "collect/Maintenance.h"
 #include "common/Db.h"
 #include "support/ProductSession.h"
 
@@ -34,6 +35,7 @@ constexpr int kColumns = 21;
 
 constexpr int kLiveSources = 200;
 constexpr int kLivePasses = 10;
+constexpr int kMaintainedSites = 1'000;
 constexpr int kLiveLines = 10; ///< lines that a source has for a pass: 5 a second
 
 /// The session of the client library alone.
@@ -198,7 +200,7 @@ void emptyHits()
 void print(const QList<Way>& ways)
 {
     const auto perLine = [](const Way& way, double seconds) { return seconds * 1e6 / way.lines; };
-    std::printf("| | us of CPU a line | own | backend | other | wall ms | x first "
+    std::printf("| | us of CPU a line | daemon | backend | other | wall ms | x first "
                 "|\n|---|---|---|---|---|---|---|\n");
     const double first = perLine(ways.constFirst(), bench::median(ways.constFirst().costs).processor());
     for (const Way& way : ways) {
@@ -238,6 +240,37 @@ QString serverMemory()
     return test::scalar(u"SELECT format('%s prepared, %s MB in all contexts', (SELECT count(*) FROM "
                         "pg_prepared_statements), round(sum(total_bytes) / 1048576.0, 1)) FROM "
                         "pg_backend_memory_contexts"_s);
+}
+
+/// The live load, passes over the same sources without news, and the maintenance pass.
+QList<Way> liveWays(const QTemporaryDir& folder, qint64 backend)
+{
+    const QList<QString> logs = registerSources(folder);
+    QList<bench::LogLines> sources;
+    for (int i = 0; i < kLiveSources; ++i)
+        sources.append(bench::LogLines(static_cast<quint32>(i)));
+    analytics::Ingest ingest;
+    ingest.init();
+    emptyHits();
+    Way live = {u"200 sources with 10 lines each, a line"_s, kLiveSources * kLiveLines, backend,
+                [&] { followAll(ingest); }};
+    Way idle = {u"200 sources without news, a source"_s, kLiveSources, backend, live.job};
+    for (int pass = 0; pass < kLivePasses; ++pass) {
+        for (int i = 0; i < kLiveSources; ++i)
+            appendLines(logs.at(i), sources[i], kLiveLines);
+        live.costs.append(bench::costOf(backend, live.job));
+        idle.costs.append(bench::costOf(backend, idle.job));
+    }
+    const QDate today = QDate::currentDate();
+    rollUpSites({today});
+    test::run(u"INSERT INTO tarn.sites (id, host) SELECT n, 'idle' || n || '.example.org' FROM "
+              "generate_series(%1, %2) n"_s.arg(kLiveSources + 1)
+                  .arg(kMaintainedSites));
+    Way maintenance = {u"the roll-ups of 1,000 idle sites, a site"_s, kMaintainedSites, backend,
+                       [today] { rollUpSites({today}); }};
+    for (int pass = 0; pass < kLivePasses; ++pass)
+        maintenance.costs.append(bench::costOf(backend, maintenance.job));
+    return {live, idle, maintenance};
 }
 
 } // namespace
@@ -299,23 +332,7 @@ int main(int argc, char** argv)
     print(ways);
     std::printf("\nserver, after the slices: %s\n\n", qPrintable(serverMemory()));
 
-    const QList<QString> logs = registerSources(folder);
-    QList<bench::LogLines> sources;
-    for (int i = 0; i < kLiveSources; ++i)
-        sources.append(bench::LogLines(static_cast<quint32>(i)));
-    analytics::Ingest ingest;
-    ingest.init();
-    Way live = {u"live, with countries"_s, kLiveSources * kLiveLines, backend, [&] { followAll(ingest); }};
-    emptyHits();
-    for (int pass = 0; pass < kLivePasses; ++pass) {
-        for (int i = 0; i < kLiveSources; ++i)
-            appendLines(logs.at(i), sources[i], kLiveLines);
-        live.costs.append(bench::costOf(backend, live.job));
-    }
-    Way idle = {u"a pass over 200 idle sources, each as one line"_s, kLiveSources, backend, live.job};
-    for (int pass = 0; pass < kLivePasses; ++pass)
-        idle.costs.append(bench::costOf(backend, idle.job));
-    print({live, idle});
+    print(liveWays(folder, backend));
     std::printf("\nserver, after the live load: %s\n", qPrintable(serverMemory()));
     return 0;
 }
