@@ -13,6 +13,7 @@
 
 #include <arpa/inet.h>
 
+#include <array>
 #include <limits>
 #include <utility>
 
@@ -248,7 +249,7 @@ void Ingest::identify(QList<Row>& rows, int siteId, const QString& host)
             return;
         row.session = sessionFor(row.visitor, row.log.at);
         row.country = country(row.ip);
-        row.source = classifySource(row.log.referrer, row.log.target, host);
+        row.source = sourceOf(row.log, host);
         const QByteArray& agent = row.log.userAgent;
         row.client = m_clients.of(agent, [&agent] { return classifyClient(agent); });
     }
@@ -257,10 +258,25 @@ void Ingest::identify(QList<Row>& rows, int siteId, const QString& host)
 QByteArray Ingest::visitorOf(const LogLine& log, int siteId)
 {
     const QDate day = log.at.date();
-    // No address has a space in it.
-    const QByteArray key = QByteArray::number(siteId) + ' ' + QByteArray::number(day.toJulianDay()) + ' '
-                           + log.ip.toLatin1() + ' ' + log.userAgent;
+    const std::array<qint64, 2> numbers = {siteId, day.toJulianDay()};
+    QByteArray key;
+    key.reserve(static_cast<qsizetype>(sizeof numbers) + log.ip.size() + 1 + log.userAgent.size());
+    key.append(reinterpret_cast<const char*>(numbers.data()), sizeof numbers);
+    key.append(log.ip.toLatin1());
+    key.append(' '); // which no address has in it
+    key.append(log.userAgent);
     return m_visitors.of(key, [&] { return visitorHash(siteId, log.ip, log.userAgent, day); });
+}
+
+Source Ingest::sourceOf(const LogLine& log, const QString& host)
+{
+    const auto judge = [&] { return classifySource(log.referrer, log.target, host); };
+    // The target counts for a campaign in its query only, whose name can be percent-encoded.
+    const qsizetype mark = log.target.indexOf('?');
+    const QByteArrayView query = mark < 0 ? QByteArrayView() : QByteArrayView(log.target).sliced(mark);
+    if (query.contains('%') || query.contains("utm_source"))
+        return judge();
+    return m_sources.of(host.toUtf8() + ' ' + log.referrer, judge);
 }
 
 /// Makes all look-ups that @p rows will need, in their order, at once.
@@ -268,6 +284,7 @@ void Ingest::askAhead(const QList<Row>& rows)
 {
     QList<HitTransaction::LookUp> lookUps;
     QHash<QByteArray, Session> sessions; // as they will be behind the rows so far
+    sessions.reserve(rows.size());
     QSet<QString> addresses;
     for (const Row& row : rows) {
         auto session = sessions.find(row.visitor);

@@ -90,6 +90,7 @@ private:
     static std::optional<Row> rowFor(LogLine log);
     void identify(QList<Row>& rows, int siteId, const QString& host);
     QByteArray visitorOf(const LogLine& log, int siteId);
+    Source sourceOf(const LogLine& log, const QString& host);
     void askAhead(const QList<Row>& rows);
     static void addColumns(db::Values& values, int siteId, const Row& row);
     bool insertBatch(int siteId, const QList<Row>& rows);
@@ -100,6 +101,7 @@ private:
     QHash<QString, QString> m_countries;   ///< by address
     Remembered<QByteArray> m_visitors;     ///< visitorHash() by site, day, address and user agent
     Remembered<Client> m_clients;          ///< classifyClient() by user agent
+    Remembered<Source> m_sources;          ///< classifySource() by host and referrer, without a campaign
     bool m_haveGeo = false;
     std::unique_ptr<HitTransaction> m_transaction; ///< of the running ingest(); null between calls
 };

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -62,21 +63,22 @@ struct Arguments
 {
     explicit Arguments(const Values& from)
         : count(static_cast<int>(from.size()))
+        , values(static_cast<std::size_t>(count))
+        , lengths(values.size())
+        , formats(values.size())
     {
-        values.reserve(count);
-        lengths.reserve(count);
-        formats.reserve(count);
-        for (int i = 0; i < count; ++i) {
-            values.append(from.bytes(i));
-            lengths.append(from.length(i));
-            formats.append(from.kind(i) == Values::Kind::Text ? 0 : 1);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const auto index = static_cast<qsizetype>(i);
+            values[i] = from.bytes(index);
+            lengths[i] = from.length(index);
+            formats[i] = from.kind(index) == Values::Kind::Text ? 0 : 1;
         }
     }
 
     int count;
-    QList<const char*> values;
-    QList<int> lengths;
-    QList<int> formats;
+    std::vector<const char*> values;
+    std::vector<int> lengths;
+    std::vector<int> formats;
 };
 
 /// The statements that one session has prepared. A child of the driver, which is the session to Qt.
@@ -235,9 +237,9 @@ Answer Statements::ask(const QString& statement, const Values& values)
     if (name.isEmpty())
         return answer;
     const Arguments arguments(values);
-    answer = take(m_library->execPrepared(m_connection, name.constData(), arguments.count,
-                                          arguments.values.constData(), arguments.lengths.constData(),
-                                          arguments.formats.constData(), 0));
+    answer =
+        take(m_library->execPrepared(m_connection, name.constData(), arguments.count, arguments.values.data(),
+                                     arguments.lengths.data(), arguments.formats.data(), 0));
     // The server can have lost the statement, as by DISCARD ALL: the next run prepares it anew.
     if (!answer.ok)
         forget(statement);
@@ -279,8 +281,8 @@ QList<Answer> Statements::askAll(const QList<Question>& questions)
     for (qsizetype i = 0; sent && i < questions.size(); ++i) {
         const Arguments arguments(questions.at(i).values);
         sent = m_library->sendQueryPrepared(m_connection, names.at(i).constData(), arguments.count,
-                                            arguments.values.constData(), arguments.lengths.constData(),
-                                            arguments.formats.constData(), 0)
+                                            arguments.values.data(), arguments.lengths.data(),
+                                            arguments.formats.data(), 0)
                != 0;
     }
     QList<Answer> answers;

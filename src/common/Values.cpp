@@ -23,13 +23,13 @@ qint64 epochMs()
 
 void Values::reserve(qsizetype count)
 {
-    m_values.reserve(count);
+    m_values.reserve(static_cast<std::size_t>(count));
     m_bytes.reserve(count * kBytesPerValue);
 }
 
 void Values::add(Kind kind, const char* bytes, qsizetype length)
 {
-    m_values.append({m_bytes.size(), static_cast<int>(length), kind});
+    m_values.push_back({m_bytes.size(), static_cast<int>(length), kind});
     m_bytes.append(bytes, length);
 }
 
@@ -70,8 +70,8 @@ void Values::addDouble(double value)
 void Values::addText(const QString& text)
 {
     const QByteArray utf8 = text.toUtf8();
-    add(Kind::Text, utf8.constData(), utf8.size());
-    m_bytes.append('\0');
+    m_values.push_back({m_bytes.size(), static_cast<int>(utf8.size()), Kind::Text});
+    m_bytes.append(utf8.constData(), utf8.size() + 1); // with the NUL behind it
 }
 
 void Values::addBytes(const QByteArray& bytes)
@@ -91,12 +91,12 @@ void Values::addDate(QDate date)
 
 void Values::addNull(Kind kind)
 {
-    m_values.append({kNull, 0, kind});
+    m_values.push_back({kNull, 0, kind});
 }
 
 const char* Values::bytes(qsizetype index) const
 {
-    const qsizetype offset = m_values.at(index).offset;
+    const qsizetype offset = of(index).offset;
     return offset == kNull ? nullptr : m_bytes.constData() + offset;
 }
 

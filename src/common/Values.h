@@ -5,9 +5,10 @@
 #include <QByteArray>
 #include <QDate>
 #include <QDateTime>
-#include <QList>
 #include <QString>
 #include <QVariant>
+
+#include <vector>
 
 namespace tarn::db {
 
@@ -32,12 +33,12 @@ public:
     void addDate(QDate date);
     void addNull(Kind kind);
 
-    qsizetype size() const { return m_values.size(); }
-    Kind kind(qsizetype index) const { return m_values.at(index).kind; }
+    qsizetype size() const { return static_cast<qsizetype>(m_values.size()); }
+    Kind kind(qsizetype index) const { return of(index).kind; }
     /// Where the value's bytes are, until another one is added; null for NULL. A text ends with a NUL.
     const char* bytes(qsizetype index) const;
     /// Without that NUL.
-    int length(qsizetype index) const { return m_values.at(index).length; }
+    int length(qsizetype index) const { return of(index).length; }
 
     /// The value as QSqlQuery takes it.
     QVariant variant(qsizetype index) const;
@@ -51,6 +52,7 @@ private:
     };
     static constexpr qsizetype kNull = -1;
 
+    const Value& of(qsizetype index) const { return m_values.at(static_cast<std::size_t>(index)); }
     void add(Kind kind, const char* bytes, qsizetype length);
     template <typename Number>
     void addNumber(Kind kind, Number value);
@@ -58,7 +60,7 @@ private:
     Number number(qsizetype index) const;
 
     QByteArray m_bytes;
-    QList<Value> m_values;
+    std::vector<Value> m_values;
 };
 
 } // namespace tarn::db

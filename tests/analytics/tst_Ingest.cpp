@@ -730,6 +730,19 @@ private Q_SLOTS:
         QCOMPARE(hits(), u"1"_s);
     }
 
+    void aRememberedReferrerHidesNoCampaign()
+    {
+        const auto from = [](const QByteArray& target) {
+            return Line{.request = "GET " + target + " HTTP/1.1", .referrer = "https://example.net/a"}.text();
+        };
+        ingest({from("/"), from("/?utm_source=news"), from("/?utm%5Fsource=mail"), from("/?a=1"), from("/")});
+        m_ingest->ingest(2, u"example.net"_s, {from("/")});
+        QCOMPARE(scalar(u"SELECT string_agg(source_kind || ' ' || coalesce(source, '-'), ', ' ORDER BY ctid) "
+                        "FROM tarn.hits"_s),
+                 u"referral example.net, campaign news, campaign mail, referral example.net, referral "
+                 "example.net, internal -"_s);
+    }
+
     void sessionsGetTheirNumbersInTheOrderOfTheLines()
     {
         useCountries();
