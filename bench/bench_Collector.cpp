@@ -146,6 +146,7 @@ void idle(test::PostgresServer& server, int sources)
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // each figure takes minutes
     test::PostgresServer server;
     if (!server.start())
         return 1;
