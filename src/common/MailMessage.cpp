@@ -47,7 +47,7 @@ QByteArray base64Lines(const QByteArray& bytes)
 /// "To: one@example.org, two@example.org".
 QByteArray recipientsHeader(const QStringList& recipients)
 {
-    const QByteArray line = "To: " + recipients.join(u", "_s).toUtf8();
+    QByteArray line = "To: " + recipients.join(u", "_s).toUtf8();
     if (line.size() <= kMaxHeaderBytes)
         return line;
     QByteArray folded = "To:";
@@ -83,7 +83,7 @@ qsizetype wordEnd(const QByteArray& text, qsizetype start)
 QByteArray subjectHeader(const QString& subject)
 {
     const QByteArray text = subject.toUtf8();
-    const QByteArray line = "Subject: " + encodedWord(text);
+    QByteArray line = "Subject: " + encodedWord(text);
     if (line.size() <= kMaxHeaderBytes)
         return line;
     QByteArray folded = "Subject:";
