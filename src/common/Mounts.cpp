@@ -123,12 +123,13 @@ private:
             m_reachable.insert(inner.id, true);
             way.append(inner.id);
             const auto outer = m_parents.constFind(inner.parent);
-            if (isBelowAnother(inner))
+            if (isBelowAnother(inner)) {
                 found = false;
-            else if (outer == m_parents.cend())
+            } else if (outer == m_parents.cend()) {
                 found = true;
-            else
+            } else {
                 inner = *outer;
+            }
         }
         for (const qint64 id : std::as_const(way))
             m_reachable.insert(id, *found);
