@@ -51,10 +51,11 @@ void HitTransaction::askAhead(const QList<LookUp>& lookUps)
     QList<db::Question> questions;
     questions.reserve(lookUps.size());
     for (const LookUp& lookUp : lookUps) {
-        if (!lookUp.ip)
+        if (!lookUp.ip) {
             questions.append({kNextSessionQuery, {}});
-        else
+        } else {
             questions.append({kCountryQuery, countryValues(*lookUp.ip)});
+        }
     }
     guard();
     const std::optional<QList<db::Answer>> answers = db::askAll(questions);
@@ -69,10 +70,11 @@ void HitTransaction::askAhead(const QList<LookUp>& lookUps)
     }
     for (qsizetype i = answers->size() - 1; i >= 0; --i) {
         const db::Answer& answer = answers->at(i);
-        if (!lookUps.at(i).ip)
+        if (!lookUps.at(i).ip) {
             m_sessions.append(sessionOf(answer).value_or(0));
-        else
+        } else {
             m_countries.insert(*lookUps.at(i).ip, answer.value.value_or(QString()));
+        }
     }
 }
 
@@ -95,7 +97,7 @@ std::optional<QString> HitTransaction::country(const QString& ip)
     if (const auto known = m_countries.constFind(ip); known != m_countries.constEnd())
         return *known;
     guard();
-    const std::optional<QString> found = countryOf(m_transaction.ask(kCountryQuery, countryValues(ip)));
+    std::optional<QString> found = countryOf(m_transaction.ask(kCountryQuery, countryValues(ip)));
     if (!found)
         takeBack();
     return found;

@@ -323,10 +323,11 @@ void Ingest::addColumns(db::Values& values, int siteId, const Row& row)
     const auto addText = [&values](const QString& text) { values.addText(db::storable(text)); };
     const auto addTextOrNull = [&values](const QString& text) {
         const QString value = db::storable(text);
-        if (value.isEmpty())
+        if (value.isEmpty()) {
             values.addNull(Kind::Text);
-        else
+        } else {
             values.addText(value);
+        }
     };
     const LogLine& log = row.log;
     values.addInt(siteId);
@@ -348,14 +349,16 @@ void Ingest::addColumns(db::Values& values, int siteId, const Row& row)
     addText(row.client.browser);
     addText(row.client.os);
     addTextOrNull(row.client.bot);
-    if (row.engagedSecs)
+    if (row.engagedSecs) {
         values.addDouble(*row.engagedSecs);
-    else
+    } else {
         values.addNull(Kind::Double);
-    if (log.responseUs >= 0 && log.responseUs < std::numeric_limits<int>::max())
+    }
+    if (log.responseUs >= 0 && log.responseUs < std::numeric_limits<int>::max()) {
         values.addInt(static_cast<int>(log.responseUs));
-    else
+    } else {
         values.addNull(Kind::Int);
+    }
 }
 
 bool Ingest::insertBatch(int siteId, const QList<Row>& rows)

@@ -21,7 +21,7 @@ public:
     {
         if (const auto known = m_values.constFind(key); known != m_values.constEnd())
             return *known;
-        const Value value = function();
+        Value value = function();
         if (key.size() > kMaxKeyBytes)
             return value;
         if (m_values.size() == kMaxEntries)

@@ -32,6 +32,7 @@ NO_MESSAGES = {
 # Texts of other files that are no message of the log.
 OTHER_TEXTS = {
     "Configuration file.": "the help",
+    "DEALLOCATE": "a statement",
     ";options='-c client_min_messages=warning'": "an option of the session",
     "tarn-collect (gzip)": "a header",
     "Accept-Encoding: identity": "a header",
