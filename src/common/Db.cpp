@@ -1,7 +1,6 @@
 #include "common/Db.h"
 
 #include "common/ClientLibrary.h"
-#include "common/Prepared.h"
 #include "common/Settings.h"
 
 #include <QAbstractEventDispatcher>
@@ -129,7 +128,7 @@ void closeSession()
 {
     QSqlDatabase database = session();
     rememberChannels(database);
-    dropStatements();
+    delete database.driver()->findChild<QObject*>(kSessionKeep, Qt::FindDirectChildrenOnly);
     database.close();
 }
 

@@ -3,6 +3,7 @@
 // Main thread only.
 #pragma once
 
+#include <QLatin1StringView>
 #include <QString>
 
 #include <optional>
@@ -30,7 +31,12 @@ QSqlDatabase session();
 /// reconnect failed: ..."). Prepared queries of the lost session are void. Not to be called in a transaction.
 bool ensure(bool force);
 
-/// Closes the session until the next ensure(), which restores its channels.
+/// The name of the object below the driver that holds what is void without the session (Prepared's
+/// statements).
+inline constexpr auto kSessionKeep = QLatin1StringView("tarn-session-keep");
+
+/// Closes the session until the next ensure(), which restores its channels. Deletes what is named
+/// kSessionKeep.
 void closeSession();
 
 /// Runs a prepared query. False when it fails, which is logged as "sql: ...".

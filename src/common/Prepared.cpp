@@ -89,7 +89,7 @@ public:
         : QObject(driver)
         , m_library(library)
     {
-        setObjectName(kName);
+        setObjectName(kSessionKeep);
     }
 
     /// Those of the session; null when it has only the ordinary road.
@@ -101,8 +101,6 @@ public:
     bool isStuck() const { return m_isStuck; }
     /// Frees all of them in the server, if it still knows the session.
     void drop();
-
-    static constexpr auto kName = "tarn-statements"_L1;
 
 private:
     struct Statement
@@ -139,7 +137,8 @@ Statements* Statements::ofSession()
     Connection* const connection = connectionOf(database);
     if (!library || !library->runsStatements || !connection)
         return nullptr;
-    auto* known = static_cast<Statements*>(driver->findChild<QObject*>(kName, Qt::FindDirectChildrenOnly));
+    auto* known =
+        static_cast<Statements*>(driver->findChild<QObject*>(kSessionKeep, Qt::FindDirectChildrenOnly));
     if (!known)
         known = new Statements(driver, library); // the driver's
     known->m_connection = connection;
@@ -359,9 +358,10 @@ bool exec(const QString& statement, const Values& values)
 void dropStatements()
 {
     QSqlDriver* const driver = session().driver();
-    auto* const statements = driver ? static_cast<Statements*>(
-                                 driver->findChild<QObject*>(Statements::kName, Qt::FindDirectChildrenOnly))
-                                    : nullptr;
+    auto* const statements =
+        driver
+            ? static_cast<Statements*>(driver->findChild<QObject*>(kSessionKeep, Qt::FindDirectChildrenOnly))
+            : nullptr;
     if (!statements)
         return;
     if (driver->isOpen())

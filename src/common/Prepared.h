@@ -65,7 +65,7 @@ constexpr qsizetype kMaxQuestions = 400;
 /// As ask(); false when it fails, which is logged as "sql: ...".
 bool exec(const QString& statement, const Values& values);
 
-/// Drops all statements. To be called after a transaction that was not kept, and where the session is closed.
+/// Drops all statements. To be called after a transaction that was not kept. closeSession() does so too.
 void dropStatements();
 
 } // namespace tarn::db
