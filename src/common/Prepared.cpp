@@ -50,10 +50,11 @@ QByteArray numbered(const QString& statement)
     text.reserve(plain.size() * 2);
     int number = 0;
     for (const char c : plain) {
-        if (c == '?')
+        if (c == '?') {
             text.append('$').append(QByteArray::number(++number));
-        else
+        } else {
             text.append(c);
+        }
     }
     return text;
 }
@@ -197,7 +198,7 @@ void Statements::makeRoom(qsizetype weight)
         const auto oldest =
             std::min_element(m_statements.cbegin(), m_statements.cend(),
                              [](const Statement& a, const Statement& b) { return a.lastUse < b.lastUse; });
-        const QString text = oldest.key();
+        QString text = oldest.key(); // a copy: forget() takes the entry away
         forget(text);
     }
     freeUnwanted();
@@ -294,10 +295,11 @@ QList<Answer> Statements::askAll(const QList<Question>& questions)
         return answers;
     for (const Question& question : questions)
         forget(question.statement);
-    if (failure != answers.end())
+    if (failure != answers.end()) {
         answers.erase(failure + 1, answers.end());
-    else
+    } else {
         answers.append(Answer());
+    }
     return answers;
 }
 
