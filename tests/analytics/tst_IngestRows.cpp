@@ -1,131 +1,140 @@
-#include "analytics/Ingest.h"
-#include "analytics/LogLines.h"
-#include "common/Db.h"
-#include "support/Messages.h"
-#include "support/ProductSession.h"
-
-#include <QCryptographicHash>
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QSqlDatabase>
-#include <QSqlDriver>
-#include <QTest>
-
-#include <memory>
+#include "analytics/IngestTest.h"
 
 using namespace Qt::Literals::StringLiterals;
 using namespace tarn;
 using namespace tarn::test;
-using analytics::Ingest;
 
-namespace {
-
-QByteArray withTarget(const QByteArray& target, const QByteArray& method = "GET")
-{
-    return Written{.request = '"' + method + ' ' + target + " HTTP/1.1\""}.line();
-}
-
-QByteArray withReferrer(const QByteArray& referrer)
-{
-    return Written{.referrer = '"' + referrer + '"'}.line();
-}
-
-QByteArray withAgent(const QByteArray& agent)
-{
-    return Written{.userAgent = '"' + agent + '"'}.line();
-}
-
-} // namespace
-
-/// What a field of a line, or a failing database, makes of the row: of its site, visitor, session and
-/// country.
-class tst_IngestRows : public QObject
+/// What the fields of a line make of its row.
+class tst_IngestRows : public IngestTest
 {
     Q_OBJECT
 
-private:
-    void startAnew()
-    {
-        m_ingest = std::make_unique<Ingest>();
-        QVERIFY(m_ingest->init());
-    }
-
-    void ingest(const QByteArray& line) { m_ingest->ingest(1, u"example.org"_s, {line}); }
-
-    /// @p expression of each hit, in the order of their storing.
-    static QString hits(const QString& expression)
-    {
-        return scalar(u"SELECT string_agg((%1)::text, '|' ORDER BY ctid) FROM tarn.hits"_s.arg(expression));
-    }
-
-    static void expectSqlWarning(const QString& text)
-    {
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^sql: .*"_s + text));
-    }
-
-    test::PostgresServer m_server;
-    test::ProductSession m_session{m_server};
-    std::unique_ptr<Ingest> m_ingest;
-
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_server.start()); }
+    void initTestCase() { beginProgram(); }
+    void init() { beginTest(); }
+    void cleanup() { endTest(); }
 
-    void init()
+    void everyColumnOfAHit()
     {
-        QTest::failOnWarning(QRegularExpression(u".?"_s));
-        QVERIFY(m_session.open());
-        run(u"INSERT INTO tarn.sites (id, host) VALUES (1, 'example.org'), (2, 'example.net')"_s);
-        startAnew();
+        useCountries();
+        const auto result = ingest({
+            Line{.request = "GET /shoes%20red/?utm_x=1 HTTP/1.1",
+                 .referrer = "https://www.bing.com/search?q=red%20shoes"}
+                .text()
+        });
+        QCOMPARE(result.lines, 1);
+        QCOMPARE(result.stored, 1);
+        QCOMPARE(result.skipped, 0);
+        QCOMPARE(result.days, QSet<QDate>{QDate(2024, 10, 10)});
+        QCOMPARE(onlyHit(u"site_id, at AT TIME ZONE 'UTC', method, path, status, bytes, is_page, host(ip)"_s),
+                 QStringList({u"1"_s, u"2024-10-10T13:55:36.000"_s, u"GET"_s, u"/shoes red/"_s, u"200"_s,
+                              u"2326"_s, u"true"_s, u"192.0.2.1"_s}));
+        QCOMPARE(onlyHit(u"country, source_kind, source, referrer, search_terms"_s),
+                 QStringList({u"DE"_s, u"search"_s, u"Bing"_s, u"https://www.bing.com/search?q=red%20shoes"_s,
+                              u"red shoes"_s}));
+        QCOMPARE(onlyHit(u"device, browser, os, bot, engaged_secs, response_us"_s),
+                 QStringList({u"desktop"_s, u"Firefox"_s, u"Linux"_s, u"NULL"_s, u"NULL"_s, u"1234"_s}));
+        QCOMPARE(onlyHit(u"session_id = (SELECT last_value FROM tarn.session_seq)"_s),
+                 QStringList{u"true"_s});
+        const QByteArray visitor =
+            m_ingest->visitorHash(1, u"192.0.2.1"_s, kFirefox, QDate(2024, 10, 10)).toHex();
+        QCOMPARE(scalar(u"SELECT encode(visitor, 'hex') FROM tarn.hits"_s), QString::fromLatin1(visitor));
     }
 
-    void cleanup()
+    void emptyValuesAreNull()
     {
-        m_ingest.reset();
-        m_session.close();
+        ingest({
+            Line{.request = "", .bytes = "-", .referrer = "-", .agent = "-", .rest = ""}
+            .text()
+        });
+        QCOMPARE(
+            onlyHit(u"method, path, bytes, is_page, country, source_kind, source, referrer, search_terms"_s),
+            QStringList(
+                {u""_s, u""_s, u"0"_s, u"false"_s, u"NULL"_s, u"direct"_s, u"NULL"_s, u"NULL"_s, u"NULL"_s}));
+        QCOMPARE(onlyHit(u"bot, response_us"_s), QStringList({u"No user agent"_s, u"0"_s}));
     }
 
-    void linksAreInternalToTheSiteOfTheCall()
+    void responseTime_data()
     {
-        const QByteArray line = withReferrer("https://www.example.net/shop");
-        m_ingest->ingest(2, u"example.net"_s, {line});
-        m_ingest->ingest(1, u"example.org"_s, {line});
-        QCOMPARE(hits(u"concat_ws(' ', source_kind, source)"_s), u"internal|referral example.net"_s);
+        QTest::addColumn<QByteArray>("field");
+        QTest::addColumn<QString>("stored");
+        QTest::newRow("zero") << QByteArray("0") << u"0"_s;
+        QTest::newRow("largest") << QByteArray("2147483646") << u"2147483646"_s;
+        QTest::newRow("largest-plus-one") << QByteArray("2147483647") << u"NULL"_s;
+        QTest::newRow("past-64-bits") << QByteArray("99999999999999999999") << u"NULL"_s;
+    }
+    void responseTime()
+    {
+        QFETCH(const QByteArray, field);
+        QFETCH(const QString, stored);
+        ingest({Line{.rest = ' ' + field}.text()});
+        QCOMPARE(onlyHit(u"response_us"_s), QStringList{stored});
     }
 
-    void theVisitorIsThatOfTheSite()
+    void textsAreCut()
     {
-        const QByteArray line = Written{}.line();
-        m_ingest->ingest(1, u"example.org"_s, {line});
-        m_ingest->ingest(2, u"example.net"_s, {line});
-        QByteArrayList visitors;
-        for (const int site : {1, 2})
-            visitors +=
-                m_ingest->visitorHash(site, u"127.0.0.1"_s, "Mozilla/5.0", QDate(2024, 10, 10)).toHex();
-        QCOMPARE(hits(u"encode(visitor, 'hex')"_s), QString::fromLatin1(visitors.join('|')));
+        ingest({
+            Line{.request = QByteArray(17, 'M') + " /" + QByteArray(2000, 'p') + " HTTP/1.1",
+                 .referrer = "https://example.net/" + QByteArray(1000, 'r')}
+                .text()
+        });
+        QCOMPARE(onlyHit(u"length(method), length(path), length(referrer)"_s),
+                 QStringList({u"16"_s, u"2000"_s, u"1000"_s}));
     }
 
-    void theNotificationNamesTheSite()
+    void largeNumbersAreStored()
     {
-        const QSqlDatabase listener = m_session.other();
-        const QSignalSpy spy(listener.driver(), &QSqlDriver::notification);
-        QVERIFY(listener.driver()->subscribeToNotification(u"tarn_hits"_s));
-        m_ingest->ingest(2, u"example.net"_s, {Written{}.line()});
-        run(listener, u"SELECT 1"_s);
-        QTRY_COMPARE(spy.size(), 1);
-        QCOMPARE(spy.at(0).at(2).toString(), u"2"_s);
+        ingest({
+            Line{.status = "1000", .bytes = "2147483648"}
+            .text()
+        });
+        ingest({
+            Line{.status = "2147483647", .bytes = "9223372036854775807"}
+            .text()
+        });
+        QCOMPARE(ofEachHit(u"concat_ws(' ', status, bytes)"_s),
+                 u"1000 2147483648|2147483647 9223372036854775807"_s);
     }
 
-    void beaconsComeByAnyMethod_data()
+    void agentsAreTakenWhole()
     {
-        QTest::addColumn<QByteArray>("method");
-        for (const char* method : {"GET", "POST", "HEAD", "-"})
-            QTest::newRow(method) << QByteArray(method);
+        const QByteArray start = "Mozilla/5.0 " + QByteArray(300, 'x');
+        for (const char* end : {" Firefox/128.0", " Firefox/129.0", " Googlebot/2.1"})
+            ingest({withAgent(start + end)});
+        QCOMPARE(ofEachHit(u"coalesce(bot, browser)"_s), u"Firefox|Firefox|Googlebot"_s);
+        QCOMPARE(scalar(u"SELECT count(DISTINCT visitor) FROM tarn.hits"_s), u"3"_s);
     }
-    void beaconsComeByAnyMethod()
+
+    void termsOfGoogleAreStoredWhole()
     {
-        QFETCH(const QByteArray, method);
-        ingest(withTarget("/tarn-b?p=%2Fabout&t=5", method));
-        QCOMPARE(hits(u"concat_ws(' ', method, path, status, engaged_secs)"_s), u"BEACON /about 204 5"_s);
+        // All of them stand behind the 1,000 bytes that are stored of a referrer.
+        ingest({withReferrer("https://www.google.com/search?x=" + QByteArray(1'000, 'x')
+                             + "&q=" + QByteArray(5'000, 'q'))});
+        QCOMPARE(ofEachHit(u"concat_ws(' ', source, length(search_terms), length(referrer))"_s),
+                 u"Google 5000 1000"_s);
+    }
+
+    void carriageReturnReachesTheParser()
+    {
+        ingest({lineAt("10:00:00") + '\r'});
+        QCOMPARE(onlyHit(u"response_us"_s), QStringList{u"0"_s}); // "1234\r" is no number
+    }
+
+    void theTargetIsSplitAtItsFirstQuestionMark_data()
+    {
+        QTest::addColumn<QByteArray>("target");
+        QTest::addColumn<QString>("stored"); // method and path
+        QTest::newRow("in-the-query") << QByteArray("/a?b=1?c=2") << u"GET /a"_s;
+        QTest::newRow("doubled") << QByteArray("/a??b") << u"GET /a"_s;
+        QTest::newRow("encoded") << QByteArray("/a%3Fb?c") << u"GET /a?b"_s;
+        QTest::newRow("in-the-page-of-a-beacon") << QByteArray("/tarn-b?p=/a?b&t=5") << u"BEACON /a?b"_s;
+    }
+    void theTargetIsSplitAtItsFirstQuestionMark()
+    {
+        QFETCH(const QByteArray, target);
+        QFETCH(const QString, stored);
+        ingest({withTarget(target)});
+        QCOMPARE(ofEachHit(u"method || ' ' || path"_s), stored);
     }
 
     void pagesAreToldByTheWholeDecodedPath_data()
@@ -142,126 +151,146 @@ private Q_SLOTS:
     {
         QFETCH(const QByteArray, target);
         QFETCH(const bool, isPage);
-        ingest(withTarget(target));
-        QCOMPARE(hits(u"is_page"_s), isPage ? u"true"_s : u"false"_s);
+        ingest({withTarget(target)});
+        QCOMPARE(ofEachHit(u"is_page"_s), isPage ? u"true"_s : u"false"_s);
     }
 
-    void theTargetIsSplitAtItsFirstQuestionMark_data()
+    void linksAreInternalToTheSiteOfTheCall()
     {
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<QString>("stored"); // method and path
-        QTest::newRow("in-the-query") << QByteArray("/a?b=1?c=2") << u"GET /a"_s;
-        QTest::newRow("doubled") << QByteArray("/a??b") << u"GET /a"_s;
-        QTest::newRow("encoded") << QByteArray("/a%3Fb?c") << u"GET /a?b"_s;
-        QTest::newRow("in-the-page-of-a-beacon") << QByteArray("/tarn-b?p=/a?b&t=5") << u"BEACON /a?b"_s;
-    }
-    void theTargetIsSplitAtItsFirstQuestionMark()
-    {
-        QFETCH(const QByteArray, target);
-        QFETCH(const QString, stored);
-        ingest(withTarget(target));
-        QCOMPARE(hits(u"method || ' ' || path"_s), stored);
+        const QByteArray line = withReferrer("https://www.example.net/shop");
+        m_ingest->ingest(2, u"example.net"_s, {line});
+        m_ingest->ingest(1, u"example.org"_s, {line});
+        QCOMPARE(ofEachHit(u"concat_ws(' ', source_kind, source)"_s), u"internal|referral example.net"_s);
     }
 
-    void termsOfGoogleAreStoredWhole()
+    void aRememberedReferrerHidesNoCampaign()
     {
-        // All of them stand behind the 1,000 bytes that are stored of a referrer.
-        ingest(withReferrer("https://www.google.com/search?x=" + QByteArray(1'000, 'x')
-                            + "&q=" + QByteArray(5'000, 'q')));
-        QCOMPARE(hits(u"concat_ws(' ', source, length(search_terms), length(referrer))"_s),
-                 u"Google 5000 1000"_s);
+        const auto from = [](const QByteArray& target) {
+            return Line{.request = "GET " + target + " HTTP/1.1", .referrer = "https://example.net/a"}.text();
+        };
+        ingest({from("/"), from("/?utm_source=news"), from("/?utm%5Fsource=mail"), from("/?a=1"), from("/")});
+        m_ingest->ingest(2, u"example.net"_s, {from("/")});
+        QCOMPARE(scalar(u"SELECT string_agg(source_kind || ' ' || coalesce(source, '-'), ', ' ORDER BY ctid) "
+                        "FROM tarn.hits"_s),
+                 u"referral example.net, campaign news, campaign mail, referral example.net, referral "
+                 "example.net, internal -"_s);
     }
 
-    void agentsAreTakenWhole()
+    void strayPercentSignsStay_data()
     {
-        const QByteArray start = "Mozilla/5.0 " + QByteArray(300, 'x');
-        for (const char* end : {" Firefox/128.0", " Firefox/129.0", " Googlebot/2.1"})
-            ingest(withAgent(start + end));
-        QCOMPARE(hits(u"coalesce(bot, browser)"_s), u"Firefox|Firefox|Googlebot"_s);
-        QCOMPARE(scalar(u"SELECT count(DISTINCT visitor) FROM tarn.hits"_s), u"3"_s);
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("columns");
+        QTest::addColumn<QStringList>("stored");
+        QTest::newRow("path") << Line{.request = "GET /50%-off%20shoes HTTP/1.1"}.text() << u"path"_s
+                              << QStringList{u"/50%-off shoes"_s};
+        QTest::newRow("end-of-a-path")
+            << Line{.request = "GET /100% HTTP/1.1"}.text() << u"path"_s << QStringList{u"/100%"_s};
+        QTest::newRow("one-digit") << Line{.request = "GET /%4/%zz HTTP/1.1"}.text() << u"path"_s
+                                   << QStringList{u"/%4/%zz"_s};
+        QTest::newRow("search-terms")
+            << Line{.referrer = "https://www.google.com/search?q=100%+red%20shoes"}.text()
+            << u"search_terms"_s << QStringList{u"100%+red shoes"_s};
+        QTest::newRow("campaign")
+            << Line{.request = "GET /?utm_source=50%-off%20now&utm_campaign=%20% HTTP/1.1"}.text()
+            << u"source, search_terms"_s << QStringList{u"50%-off now"_s, u" %"_s};
+        QTest::newRow("beacon") << beaconLine("?p=/50%-off%20shoes&t=5") << u"path"_s
+                                << QStringList{u"/50%-off shoes"_s};
+    }
+    void strayPercentSignsStay()
+    {
+        QFETCH(const QByteArray, line);
+        QFETCH(const QString, columns);
+        ingest({line});
+        QTEST(onlyHit(columns), "stored");
     }
 
-    void largeNumbersAreStored()
+    void whatAStrangerSends_data()
     {
-        ingest(Written{.status = "1000", .bytes = "2147483648"}.line());
-        ingest(Written{.status = "2147483647", .bytes = "9223372036854775807"}.line());
-        QCOMPARE(hits(u"concat_ws(' ', status, bytes)"_s),
-                 u"1000 2147483648|2147483647 9223372036854775807"_s);
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("columns");
+        QTest::addColumn<QStringList>("stored"); // empty when the line is skipped
+        const auto path = u"path"_s;
+        const QString address = u"host(ip)"_s;
+        QTest::newRow("nul-in-path") << Line{.request = "GET /a%00b HTTP/1.1"}.text() << path
+                                     << QStringList{u"/ab"_s};
+        QTest::newRow("nul-in-campaign")
+            << Line{.request = "GET /?utm_source=a%00b&utm_campaign=%00 HTTP/1.1"}.text()
+            << u"source, search_terms"_s << QStringList{u"ab"_s, u"NULL"_s};
+        QTest::newRow("nul-in-search-terms")
+            << Line{.referrer = "https://www.google.com/?q=a%00'; DROP TABLE x"}.text()
+            << u"source, search_terms"_s << QStringList{u"Google"_s, u"a'; DROP TABLE x"_s};
+        QTest::newRow("nul-in-beacon") << beaconLine("?p=/a%00b&t=5") << path << QStringList{u"/ab"_s};
+        QTest::newRow("raw-nul-in-request") << Line{.request = QByteArray("G\0T /a\0b HTTP/1.1", 17)}.text()
+                                            << u"method, path"_s << QStringList{u"GT"_s, u"/ab"_s};
+        QTest::newRow("raw-nul-in-referrer")
+            << Line{.referrer = QByteArray("http://a.example/\0x", 19)}.text() << u"referrer"_s
+            << QStringList{u"http://a.example/x"_s};
+        QTest::newRow("referrer-of-nuls")
+            << Line{.referrer = QByteArray("\0\0", 2)}.text() << u"referrer"_s << QStringList{u"NULL"_s};
+        QTest::newRow("raw-nul-in-agent")
+            << Line{.agent = QByteArray("curl/\0", 6)}.text() << u"bot"_s << QStringList{u"curl"_s};
+        QTest::newRow("raw-nul-in-address")
+            << Line{.ip = QByteArray("192.0.2.1\0", 10)}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("invalid-utf8-in-path") << Line{.request = "GET /%ff%C3(\xf0\x28 HTTP/1.1"}.text()
+                                              << u"length(path) > 3"_s << QStringList{u"true"_s};
+        QTest::newRow("encoded-surrogate") << Line{.request = "GET /%ED%A0%80 HTTP/1.1"}.text()
+                                           << u"length(path) > 1"_s << QStringList{u"true"_s};
+        QTest::newRow("invalid-utf8-in-referrer")
+            << Line{.referrer = "\xff\xfe\xc3"}.text() << u"length(referrer)"_s << QStringList{u"3"_s};
+        QTest::newRow("character-cut-in-referrer")
+            << Line{.referrer = QByteArray(999, 'x') + "\xc3\xa9"}.text() << u"length(referrer)"_s
+            << QStringList{u"1000"_s};
+        QTest::newRow("character-cut-in-path")
+            << Line{.request = "GET /" + QByteArray(1998, 'x') + "%F0%9F%98%80 HTTP/1.1"}.text()
+            << u"length(path)"_s << QStringList{u"2000"_s};
+        QTest::newRow("quote-and-backslash")
+            << Line{.request = "GET /\\\"'\\\\ HTTP/1.1"}.text() << path << QStringList{u"/\"'\\"_s};
+        QTest::newRow("address-of-one-number") << Line{.ip = "1"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-of-two-numbers")
+            << Line{.ip = "127.1"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-of-three-numbers")
+            << Line{.ip = "1.2.3"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-in-hexadecimal")
+            << Line{.ip = "0x7f.1.1.1"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-with-zone")
+            << Line{.ip = "fe80::1%eth0"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-with-prefix")
+            << Line{.ip = "10.0.0.0/8"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-with-tab")
+            << Line{.ip = "192.0.2.1\t"}.text() << address << QStringList{u"NULL"_s};
+        QTest::newRow("address-mapped")
+            << Line{.ip = "::ffff:192.0.2.1"}.text() << address << QStringList{u"::ffff:192.0.2.1"_s};
+        QTest::newRow("year-before-one")
+            << Line{.time = "10/Oct/-001:13:55:36 +0000"}.text() << path << QStringList();
+        QTest::newRow("year-one-before-utc")
+            << Line{.time = "01/Jan/0001:00:00:00 +0100"}.text() << path << QStringList();
+        QTest::newRow("year-one") << Line{.time = "01/Jan/0001:01:00:00 +0100"}.text() << path
+                                  << QStringList{u"/about"_s};
+        QTest::newRow("year-9999") << Line{.time = "31/Dec/9999:23:59:59 +0000"}.text() << path
+                                   << QStringList{u"/about"_s};
+        QTest::newRow("year-9999-past-utc")
+            << Line{.time = "31/Dec/9999:23:59:59 -0100"}.text() << path << QStringList();
+        QTest::newRow("zone-of-sixteen-hours")
+            << Line{.time = "10/Oct/2024:13:00:00 +1600"}.text() << u"at AT TIME ZONE 'UTC'"_s
+            << QStringList{u"2024-10-09T21:00:00.000"_s};
+        QTest::newRow("extreme-numbers")
+            << Line{.status = "-2147483648", .bytes = "-9223372036854775808"}.text() << u"status, bytes"_s
+            << QStringList{u"-2147483648"_s, u"-9223372036854775808"_s};
     }
-
-    /// The secret goes into the hash by its bytes in Latin-1, the agent as it was sent.
-    void bytesBeyondAsciiInTheHash()
+    void whatAStrangerSends()
     {
-        run(u"UPDATE tarn.settings SET value = U&'pf\\00E4ffer' WHERE key = 'visitor_secret'"_s);
-        startAnew();
-        const QByteArray agent = "caf\xc3\xa9 \xff";
-        ingest(withAgent(agent));
-        const QByteArray digest = QCryptographicHash::hash("pf\xe4" + ("ffer2024-10-101127.0.0.1" + agent),
-                                                           QCryptographicHash::Sha256);
-        QCOMPARE(hits(u"encode(visitor, 'hex')"_s), QString::fromLatin1(digest.first(8).toHex()));
-    }
-
-    void aSessionLostDuringALookUpSaysNothingOfTheAddress()
-    {
-        run(u"INSERT INTO tarn.geo_country VALUES ('192.0.2.0', '192.0.2.127', 'DE')"_s);
-        startAnew();
-        ProductSession::endBackend(m_session.other());
-        messagesOf([this] { QCOMPARE(m_ingest->country(u"192.0.2.1"_s), QString()); });
-        QTest::ignoreMessage(QtInfoMsg, "database: reconnected");
-        QVERIFY(db::ensure(false));
-        QCOMPARE(m_ingest->country(u"192.0.2.1"_s), u"DE"_s);
-    }
-
-    /// Sessions are pruned when there are more than 50,000; those that can still go on are left.
-    void sessionsThatCanGoOnAreNotPruned()
-    {
-        const QDateTime longAgo(QDate(2015, 5, 17), QTime(10, 0), Qt::UTC);
-        for (int i = 0; i < 49'999; ++i)
-            m_ingest->sessionFor(QByteArray::number(i).rightJustified(8, '0'), longAgo);
-        const QDateTime now = QDateTime::currentDateTimeUtc();
-        const QDateTime recent = now.addSecs(-1'790);
-        const QDateTime older = now.addSecs(-1'810);
-        const qint64 kept = m_ingest->sessionFor("kept----", recent);
-        const qint64 gone = m_ingest->sessionFor("gone----", older);
-        m_ingest->ingest(1, u"example.org"_s, {});
-        QCOMPARE(m_ingest->sessionFor("kept----", recent), kept);
-        QVERIFY(m_ingest->sessionFor("gone----", older) != gone);
-    }
-
-    void anExpiredSessionWithoutASuccessorIsNotContinued()
-    {
-        const QDateTime at(QDate(2024, 10, 10), QTime(10, 0), Qt::UTC);
-        const qint64 first = m_ingest->sessionFor("visitor-", at);
-        QVERIFY(first > 0);
-        run(u"ALTER SEQUENCE tarn.session_seq RENAME TO away"_s);
-        expectSqlWarning(u"tarn.session_seq"_s);
-        QCOMPARE(m_ingest->sessionFor("visitor-", at.addSecs(1'801)), 0);
-        run(u"ALTER SEQUENCE tarn.away RENAME TO session_seq"_s);
-        QVERIFY(m_ingest->sessionFor("visitor-", at.addSecs(1'802)) > first);
-    }
-
-    void aCountryTableThatCannotBeAskedIsNotUsed_data()
-    {
-        QTest::addColumn<QString>("instead"); // of the table
-        QTest::addColumn<QString>("warning");
-        QTest::newRow("missing") << QString() << QString();
-        QTest::newRow("failing") << u"CREATE VIEW tarn.geo_country AS SELECT * FROM tarn.away "
-                                    "WHERE 1 / (masklen(ip_from) - 32) = 0"_s
-                                 << u"division by zero"_s;
-    }
-    void aCountryTableThatCannotBeAskedIsNotUsed()
-    {
-        QFETCH(const QString, instead);
-        QFETCH(const QString, warning);
-        run(u"INSERT INTO tarn.geo_country VALUES ('192.0.2.0', '192.0.2.127', 'DE')"_s);
-        run(u"ALTER TABLE tarn.geo_country RENAME TO away"_s);
-        if (!instead.isEmpty()) {
-            run(instead);
-            expectSqlWarning(warning);
-        }
-        startAnew();
-        ingest(Written{.ip = "192.0.2.1"}.line());
-        QCOMPARE(hits(u"coalesce(country, 'none')"_s), u"none"_s);
+        QFETCH(const QByteArray, line);
+        QFETCH(const QString, columns);
+        QFETCH(const QStringList, stored);
+        const QByteArray neighbour = Line{.request = "GET /neighbour HTTP/1.1"}.text();
+        const auto result = ingest({neighbour, line, neighbour});
+        QCOMPARE(result.lines, 3);
+        QCOMPARE(result.skipped, stored.isEmpty() ? 1 : 0);
+        QCOMPARE(result.stored, stored.isEmpty() ? 2 : 3);
+        QCOMPARE(scalar(u"SELECT count(*) FROM tarn.hits WHERE path = '/neighbour'"_s), u"2"_s);
+        run(u"DELETE FROM tarn.hits WHERE path = '/neighbour'"_s);
+        if (!stored.isEmpty())
+            QCOMPARE(onlyHit(columns), stored);
     }
 };
 
