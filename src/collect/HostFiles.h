@@ -1,7 +1,7 @@
-// Parsers of the text files in /proc. Each is a function of the text alone and never fails: what is missing,
-// cut off or no number counts as 0, a text of more than 64 bytes included, and a sum that does not fit stays
-// at the largest number. Counters are never negative, so that two of them can be subtracted. HostCounters
-// reads the files.
+// Parsers of the text files in /proc. Each is a function of the text alone and never fails. A number that is
+// missing, cut off, malformed or longer than 64 bytes counts as 0. A sum that does not fit stays at the
+// largest number. Counters are never negative, so that two of them can be subtracted. HostCounters reads the
+// files.
 #pragma once
 
 #include <QByteArray>

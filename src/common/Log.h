@@ -11,8 +11,8 @@ namespace tarn {
 /// The most bytes of one line, its line feed included. The journal cuts a line of more than 48 KiB in two.
 constexpr qsizetype kMaxLogLineBytes = 48'000;
 
-/// @p text with each run of control characters and of Unicode's line and paragraph separators replaced by one
-/// blank, and without such a run at the end:
+/// @p text as one line. Each run of control characters and of Unicode's line and paragraph separators becomes
+/// one blank; a run at the end is dropped:
 ///
 ///     "ERROR:  no such site\nDETAIL:  1\n(23503) QPSQL"  ->  "ERROR:  no such site DETAIL:  1 (23503) QPSQL"
 QString oneLine(const QString& text);

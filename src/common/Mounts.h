@@ -47,8 +47,8 @@ struct Space
 std::optional<Space> spaceOf(const QByteArray& folder);
 
 /// Asks many mounts at once, each from a thread of its own, and gives up those that do not answer. A thread
-/// that the kernel holds cannot be ended. It is left behind, and its mount is not asked again until the
-/// thread has come back, so that a mount that hangs costs one thread at most. To be used from one thread.
+/// that the kernel holds cannot be ended: it is left behind, and its mount is not asked again until the
+/// thread has come back. Hence a mount that hangs costs one thread at most. To be used from one thread.
 class SpaceQuery
 {
 public:

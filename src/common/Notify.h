@@ -20,8 +20,8 @@ Config load(const QSettings& settings);
 /// left out. Of a webhook's address, which can contain a secret, only the host is shown.
 QJsonObject describe(const Config& config);
 
-/// Delivers @p message over every configured channel, one after the other, with the same title, text and time
-/// (that of the call), and returns an entry for each:
+/// Delivers @p message over every configured channel, one after the other. Title, text and time are the same
+/// for all; the time is that of the call. Returns an entry for each channel:
 /// {"channel": "webhook", "ok": false, "error": "..."}, {"channel": "email", "ok": true}. Failures are logged
 /// as well. Returns after some 10 seconds a step at worst. The waits run a local event loop, so that timers
 /// are served meanwhile: never to be called with a transaction open.

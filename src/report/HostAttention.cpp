@@ -18,9 +18,7 @@ constexpr qsizetype kKindCharacters = 24;
 /// A point of the list at the top.
 void point(Html& html, bool bad, const QString& what, const QString& text, const QString& more)
 {
-    const auto item = html.element("li", {
-                                             {"class", bad ? u"bad"_s : u"near"_s}
-    });
+    const auto item = html.element("li", bad ? CssClass("bad") : CssClass("near"));
     {
         const auto kind = html.element("b");
         html.leaf("bdi", shortened(what, kKindCharacters));
@@ -28,10 +26,7 @@ void point(Html& html, bool bad, const QString& what, const QString& text, const
     const auto said = html.element("span");
     html.leaf("bdi", shortened(text, kTitleCharacters));
     if (!more.isEmpty())
-        html.leaf("span", u" · "_s + more,
-                  {
-                      {"class", u"dim"_s}
-        });
+        html.leaf("span", u" · "_s + more, "dim");
 }
 
 QString useOf(const Account& account)
@@ -57,9 +52,10 @@ void openAlerts(Html& html, const HostFigures& figures)
         point(html, true, u"Collector"_s, u"No sample for "_s + secondsAgo(figures.latest->seconds),
               u"is tarn-collect running? The latest is of "_s + figures.latest->minute);
     }
-    for (const Alert& alert : figures.open)
+    for (const Alert& alert : figures.open) {
         point(html, true, alertName(alert.kind), alert.message,
               u"for %1, since %2"_s.arg(secondsAgo(alert.openedSeconds), alert.opened));
+    }
 }
 
 void nearLimits(Html& html, const HostFigures& figures)
@@ -101,28 +97,21 @@ void attention(Html& html, const HostFigures& figures)
     section(html, u"attention"_s, u"Needs attention"_s);
     if (!needsAttention(figures)) {
         html.leaf("p", u"Nothing. No alert is open, no account is near its limits, every log is read.",
-                  {
-                      {"class", u"fine"_s}
-        });
+                  "fine");
     } else {
-        const auto list = html.element("ul", {
-                                                 {"class", u"attention"_s}
-        });
+        const auto list = html.element("ul", "attention");
         openAlerts(html, figures);
         nearLimits(html, figures);
         behind(html, figures);
-        if (figures.searchLate)
+        if (figures.searchLate) {
             point(html, false, u"Search"_s, u"No search figures were fetched for two days"_s,
                   figures.searchResult);
+        }
     }
     if (figures.sources.unseen > 0) {
-        html.leaf(
-            "p",
-            u"%1 of %2 logs may not be looked at by whoever wrote this page; whether they are read to their "
-            u"end is not known."_s.arg(count(figures.sources.unseen), count(figures.sources.count)),
-            {
-                {"class", u"note"_s}
-        });
+        note(html,
+             u"%1 of %2 logs may not be looked at by whoever wrote this page; whether they are read to their "
+             u"end is not known."_s.arg(count(figures.sources.unseen), count(figures.sources.count)));
     }
 }
 

@@ -117,7 +117,7 @@ QList<Tick> timeTicks(const HostFigures& figures)
     const qint64 offset = figures.now.offsetSeconds;
     QList<Tick> ticks;
     if (days == 1) {
-        constexpr qint64 sixHours = 6 * 3600;
+        constexpr qint64 sixHours = kDaySeconds / 4;
         for (qint64 at = (samples.from + offset) / sixHours * sixHours + sixHours; at < samples.to + offset;
              at += sixHours) {
             ticks.append({static_cast<double>(at - offset - samples.from) / kDaySeconds,
@@ -171,9 +171,7 @@ void picture(Html& html, const HostFigures& figures, const Picture& picture, con
         keys.append({u"c2"_s, picture.secondName});
     if (!chart.spans.isEmpty())
         keys.append({u"s"_s, u"alert"_s});
-    const auto box = html.element("figure", {
-                                                {"class", u"card"_s}
-    });
+    const auto box = html.element("figure", "card");
     const bool measured = of.known || ofSecond.known;
     caption(html, picture.title, measured ? keys : QList<Key>());
     if (measured) {
@@ -193,9 +191,7 @@ void latest(Html& html, const Sample& sample)
     const auto metric = [&sample](Metric which) {
         return sample.metrics.at(static_cast<std::size_t>(which));
     };
-    const auto list = html.element("dl", {
-                                             {"class", u"tiles"_s}
-    });
+    const auto list = html.element("dl", "tiles");
     tile(html, u"Load"_s, known(metric(Load), [](double load) { return decimal(load, 2); }),
          u"15 minutes: "_s + known(metric(LoadMax), [](double load) { return decimal(load, 2); }));
     tile(html, u"Processors"_s, known(metric(Processors), percent),
@@ -224,17 +220,13 @@ void alertLines(Html& html, const HostFigures& figures, const QList<Tick>& ticks
         if (!kinds.contains(alert.kind) && kinds.size() < kAlertLines)
             kinds.append(alert.kind);
     }
-    const auto card = html.element("figure", {
-                                                 {"class", u"card"_s}
-    });
+    const auto card = html.element("figure", "card");
     caption(html, u"Alerts"_s);
     if (kinds.isEmpty()) {
         nothing(html, u"None in this period.");
         return;
     }
-    const auto lines = html.element("div", {
-                                               {"class", u"lanes"_s}
-    });
+    const auto lines = html.element("div", "lanes");
     for (const QString& kind : kinds) {
         const QList<Span> spans = spansOf(figures, kind);
         {
@@ -273,9 +265,7 @@ void longChart(Html& html, const HostFigures& figures, const Picture& names,
     };
     if (second)
         keys.append({u"c2"_s, names.secondName});
-    const auto card = html.element("figure", {
-                                                 {"class", u"card"_s}
-    });
+    const auto card = html.element("figure", "card");
     caption(html, names.title, keys);
     lineChart(html, chart);
 }
@@ -289,9 +279,7 @@ void curves(Html& html, const HostFigures& figures)
             days == 1 ? u"Health, the last day"_s : u"Health, the last %1 days"_s.arg(days));
     if (figures.latest)
         latest(html, *figures.latest);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid three below"_s}
-    });
+    const auto grid = html.element("div", "grid three below");
     const QList<Tick> ticks = timeTicks(figures);
     alertLines(html, figures, ticks);
     for (const Picture& each : pictures())
@@ -306,9 +294,7 @@ bool isLong(const HostFigures& figures)
 void longCurves(Html& html, const HostFigures& figures)
 {
     section(html, u"year"_s, u"The long run"_s);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid two"_s}
-    });
+    const auto grid = html.element("div", "grid two");
     using Figure = std::optional<double>;
     longChart(
         html, figures, {u"Load"_s, {}, Load, u"mean"_s, LoadMax, u"greatest"_s, 1, short1},

@@ -21,9 +21,10 @@ QByteArray hostPage(const HostFigures& figures)
     };
     if (isLong(figures))
         frame.sections.insert(2, {u"year"_s, u"Long run"_s});
-    if (!figures.searchAt.isEmpty())
+    if (!figures.searchAt.isEmpty()) {
         frame.intro = u"Search figures: %1, %2"_s.arg(figures.searchAt,
                                                       shortened(figures.searchResult, kShownCharacters));
+    }
     return page(frame, [&figures](Html& html) {
         attention(html, figures);
         curves(html, figures);

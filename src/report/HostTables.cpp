@@ -16,28 +16,17 @@ namespace {
 void alertRow(Html& html, const Alert& alert, qint64 now)
 {
     const auto row = html.element("tr");
-    html.leaf("th", alert.opened,
-              {
-                  {"class", u"l"_s  },
-                  {"scope", u"row"_s}
-    });
+    rowHead(html, alert.opened, "l");
     html.leaf("td", duration(static_cast<double>(alert.closedSeconds.value_or(now) - alert.openedSeconds)));
     {
-        const auto kind = html.element("td", {
-                                                 {"class", u"t wide"_s}
-        });
+        const auto kind = html.element("td", "t wide");
         html.foreign(alertName(alert.kind));
     }
-    const auto message = html.element("td", {
-                                                {"class", u"t"_s}
-    });
+    const auto message = html.element("td", "t");
     html.foreign(alert.message);
     if (!alert.closedSeconds) {
         html.text(u" ");
-        html.leaf("span", u"open",
-                  {
-                      {"class", u"up"_s}
-        });
+        html.leaf("span", u"open", "up");
     }
 }
 
@@ -53,9 +42,7 @@ void alertHistory(Html& html, const HostFigures& figures)
     }
     {
         const auto scroll = scrolling(html, u"Alert history"_s);
-        const auto table = html.element("table", {
-                                                     {"class", u"alerts"_s}
-        });
+        const auto table = html.element("table", "alerts");
         tableHead(html, {
                             {u"Opened"_s,  u"l"_s     },
                             {u"Lasted"_s,  u"n"_s     },
@@ -68,10 +55,7 @@ void alertHistory(Html& html, const HostFigures& figures)
             alertRow(html, alert, figures.now.seconds);
     }
     if (figures.alerts.size() > kListedAlerts) {
-        html.leaf("p", u"%1 older ones are not listed."_s.arg(count(figures.alerts.size() - kListedAlerts)),
-                  {
-                      {"class", u"note"_s}
-        });
+        note(html, u"%1 older ones are not listed."_s.arg(count(figures.alerts.size() - kListedAlerts)));
     }
 }
 
@@ -87,48 +71,29 @@ void useCells(Html& html, const std::optional<double>& used, double limit,
               const std::optional<double>& before)
 {
     {
-        const auto cell = html.element("td", {
-                                                 {"class", u"use"_s}
-        });
+        const auto cell = html.element("td", "use");
         html.text(used ? bytes(*used) : u"–"_s);
         if (limit > 0 && used) {
-            html.leaf("span", u" of "_s + bytes(limit),
-                      {
-                          {"class", u"dim"_s}
-            });
+            html.leaf("span", u" of "_s + bytes(limit), "dim");
             meter(html, *used / limit, percent(100 * *used / limit) + u" of the limit"_s);
         }
         if (used && before)
-            html.leaf("div", growth(*used - *before),
-                      {
-                          {"class", u"narrow of-kind"_s}
-            });
+            html.leaf("div", growth(*used - *before), "narrow of-kind");
     }
-    html.leaf("td", growthOf(used, before),
-              {
-                  {"class", u"wide"_s}
-    });
+    html.leaf("td", growthOf(used, before), "wide");
 }
 
 void accountRow(Html& html, const Account& account)
 {
     const auto row = html.element("tr");
     {
-        const auto name = html.element("th", {
-                                                 {"class", u"l"_s  },
-                                                 {"scope", u"row"_s}
-        });
+        const auto name = rowHead(html, "l");
         html.foreign(account.domain);
         html.text(u" ");
-        const auto user = html.element("span", {
-                                                   {"class", u"of-kind"_s}
-        });
+        const auto user = html.element("span", "of-kind");
         html.foreign(account.username);
         if (account.readOnly)
-            html.leaf("span", u" read-only",
-                      {
-                          {"class", u"up"_s}
-            });
+            html.leaf("span", u" read-only", "up");
     }
     useCells(html, account.disk, account.diskLimit, account.diskBefore);
     useCells(html, account.database, account.databaseLimit, account.databaseBefore);
@@ -159,17 +124,14 @@ void accounts(Html& html, const HostFigures& figures)
         for (const Account& account : all.listed)
             accountRow(html, account);
     }
-    html.leaf("p",
-              u"%1 accounts use %2 of disk and %3 of databases. Growth is since the first measurement of the "
-              u"period. "
-              u"Those that are nearest to a limit come first%4."_s.arg(
-                  count(all.count), bytes(all.disk), bytes(all.database),
-                  all.count > all.listed.size()
-                      ? u"; %1 are not listed"_s.arg(count(all.count - all.listed.size()))
-                      : QString()),
-              {
-                  {"class", u"note"_s}
-    });
+    note(html,
+         u"%1 accounts use %2 of disk and %3 of databases. Growth is since the first measurement of the "
+         u"period. "
+         u"Those that are nearest to a limit come first%4."_s.arg(
+             count(all.count), bytes(all.disk), bytes(all.database),
+             all.count > all.listed.size()
+                 ? u"; %1 are not listed"_s.arg(count(all.count - all.listed.size()))
+                 : QString()));
 }
 
 namespace {
@@ -178,10 +140,7 @@ void siteRow(Html& html, const SiteRow& site, qint64 most)
 {
     const auto row = html.element("tr");
     {
-        const auto name = html.element("th", {
-                                                 {"class", u"l bars"_s},
-                                                 {"scope", u"row"_s   }
-        });
+        const auto name = rowHead(html, "l bars");
         bar(html, most > 0 ? static_cast<double>(site.visitors) / static_cast<double>(most) : 0);
         const auto link = html.element("a", {
                                                 {"href", siteFileName(site.site.host)}
@@ -198,17 +157,9 @@ void siteRow(Html& html, const SiteRow& site, qint64 most)
     }
     html.leaf("td", count(site.visitors));
     html.leaf("td", change(static_cast<double>(site.visitors), static_cast<double>(site.visitorsBefore)),
-              {
-                  {"class", u"wide"_s}
-    });
-    html.leaf("td", count(site.views),
-              {
-                  {"class", u"wide"_s}
-    });
-    html.leaf("td", percent(100 * site.botShare),
-              {
-                  {"class", u"wide"_s}
-    });
+              "wide");
+    html.leaf("td", count(site.views), "wide");
+    html.leaf("td", percent(100 * site.botShare), "wide");
 }
 
 void siteSums(Html& html, const Sites& sites)
@@ -221,28 +172,13 @@ void siteSums(Html& html, const Sites& sites)
         views -= site.views;
         before -= site.visitorsBefore;
     }
-    const auto row = html.element("tr", {
-                                            {"class", u"sum"_s}
-    });
-    html.leaf("th", u"%1 other sites"_s.arg(count(sites.count - sites.listed.size())),
-              {
-                  {"class", u"l bars"_s},
-                  {"scope", u"row"_s   }
-    });
+    const auto row = html.element("tr", "sum");
+    rowHead(html, u"%1 other sites"_s.arg(count(sites.count - sites.listed.size())), "l bars");
     html.leaf("td", u"");
     html.leaf("td", count(visitors));
-    html.leaf("td", change(static_cast<double>(visitors), static_cast<double>(before)),
-              {
-                  {"class", u"wide"_s}
-    });
-    html.leaf("td", count(views),
-              {
-                  {"class", u"wide"_s}
-    });
-    html.leaf("td", u"",
-              {
-                  {"class", u"wide"_s}
-    });
+    html.leaf("td", change(static_cast<double>(visitors), static_cast<double>(before)), "wide");
+    html.leaf("td", count(views), "wide");
+    html.leaf("td", u"", "wide");
 }
 
 } // namespace
@@ -258,9 +194,7 @@ void sites(Html& html, const HostFigures& figures)
     }
     {
         const auto scroll = scrolling(html, u"Sites by visitors"_s);
-        const auto table = html.element("table", {
-                                                     {"class", u"sites"_s}
-        });
+        const auto table = html.element("table", "sites");
         tableHead(html, {
                             {u"Site"_s,     u"l bars"_s},
                             {u"Trend"_s,    u"n"_s     },
@@ -275,13 +209,9 @@ void sites(Html& html, const HostFigures& figures)
         if (all.count > all.listed.size())
             siteSums(html, all);
     }
-    html.leaf(
-        "p",
-        u"%1 visitors and %2 views in all. Change is against the %3 days before; bots is their share of the "
-        u"requests."_s.arg(count(all.visitors), count(all.views), count(figures.period.days())),
-        {
-            {"class", u"note"_s}
-    });
+    note(html,
+         u"%1 visitors and %2 views in all. Change is against the %3 days before; bots is their share of the "
+         u"requests."_s.arg(count(all.visitors), count(all.views), count(figures.period.days())));
 }
 
 } // namespace tarn::report

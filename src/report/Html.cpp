@@ -122,9 +122,22 @@ Html::Element Html::element(Name name, Attributes attributes)
     return {*this, name};
 }
 
+Html::Element Html::element(Name name, CssClass cssClass)
+{
+    return element(name, {
+                             {"class", cssClass.text()}
+    });
+}
+
 void Html::leaf(Name name, QStringView content, Attributes attributes)
 {
     const Element whole = element(name, attributes);
+    text(content);
+}
+
+void Html::leaf(Name name, QStringView content, CssClass cssClass)
+{
+    const Element whole = element(name, cssClass);
     text(content);
 }
 

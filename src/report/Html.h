@@ -1,7 +1,6 @@
-// Writes HTML (and the SVG in it) in which every text is a text. Markup comes from names that are fixed when
-// the program is compiled; whatever is known only at run time goes through escaped(), so that there is no way
-// to let a stranger's path or search term become an element, an attribute or a script. Elements close
-// themselves.
+// Writes HTML (and the SVG in it). Markup comes from names that are fixed when the program is compiled;
+// whatever is known only at run time goes through escaped(). Hence a stranger's path or search term cannot
+// become an element, an attribute or a script. Elements close themselves.
 #pragma once
 
 #include <QByteArray>
@@ -38,6 +37,23 @@ struct Attribute
     QString value;
 };
 using Attributes = std::initializer_list<Attribute>;
+
+/// What the attribute `class` says: a literal with one class of the style sheet, or several with spaces
+/// between.
+class CssClass
+{
+public:
+    template <std::size_t Size>
+    consteval CssClass(
+        const char (&literal)[Size]) // NOLINT(google-explicit-constructor): stands for the literal
+        : m_text(literal, Size - 1)
+    {
+    }
+    QString text() const { return QString::fromLatin1(m_text.data(), static_cast<qsizetype>(m_text.size())); }
+
+private:
+    std::string_view m_text;
+};
 
 /// Characters of a stranger's text that are shown; what is longer is cut, and told in full by the title.
 inline constexpr qsizetype kShownCharacters = 80;
@@ -79,8 +95,10 @@ public:
     };
 
     [[nodiscard]] Element element(Name name, Attributes attributes = {});
+    [[nodiscard]] Element element(Name name, CssClass cssClass);
     /// An element with nothing but @p text in it.
     void leaf(Name name, QStringView text, Attributes attributes = {});
+    void leaf(Name name, QStringView text, CssClass cssClass);
     /// An element without content: as HTML's void elements are written, closed at once.
     void lone(Name name, Attributes attributes = {});
     void text(QStringView text);

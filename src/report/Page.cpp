@@ -95,25 +95,21 @@ void rankingRow(Html& html, const RankingTable& table, const Ranked& ranked, qin
 {
     const auto row = html.element("tr");
     {
-        const auto cell = html.element("th", {
-                                                 {"class", u"l bars"_s},
-                                                 {"scope", u"row"_s   }
-        });
+        const auto cell = rowHead(html, "l bars");
         bar(html, greatest > 0 ? static_cast<double>(ranked.hits) / static_cast<double>(greatest) : 0);
         html.foreign(table.label ? table.label(ranked.value) : ranked.value);
         if (table.withPart && !ranked.partOf.isEmpty()) {
             html.text(u" ");
-            const auto part = html.element("span", {
-                                                       {"class", u"of-kind"_s}
-            });
+            const auto part = html.element("span", "of-kind");
             html.foreign(table.partLabel ? table.partLabel(ranked.partOf) : ranked.partOf);
         }
     }
-    for (const Column& column : table.columns)
+    for (const Column& column : table.columns) {
         html.leaf("td", column.figure(ranked),
                   {
                       {"class", classOf(column)}
         });
+    }
 }
 
 void rankingHead(Html& html, const RankingTable& table)
@@ -129,20 +125,15 @@ void rankingHead(Html& html, const RankingTable& table)
 /// What the values that are not shown have together.
 void rankingRest(Html& html, const RankingTable& table, qint64 rest)
 {
-    const auto row = html.element("tr", {
-                                            {"class", u"sum"_s}
-    });
-    html.leaf("th", u"All others",
-              {
-                  {"class", u"l bars"_s},
-                  {"scope", u"row"_s   }
-    });
+    const auto row = html.element("tr", "sum");
+    rowHead(html, u"All others", "l bars");
     html.leaf("td", count(rest));
-    for (qsizetype i = 1; i < table.columns.size(); ++i)
+    for (qsizetype i = 1; i < table.columns.size(); ++i) {
         html.leaf("td", u"",
                   {
                       {"class", classOf(table.columns.at(i))}
         });
+    }
 }
 
 } // namespace
@@ -176,9 +167,7 @@ QByteArray page(const Frame& frame, const std::function<void(Html&)>& body)
         });
         head(html, frame);
         const auto whole = html.element("body");
-        const auto wrap = html.element("div", {
-                                                  {"class", u"wrap"_s}
-        });
+        const auto wrap = html.element("div", "wrap");
         html.leaf("a", u"To the figures",
                   {
                       {"class", u"skip"_s    },
@@ -210,14 +199,8 @@ void tile(Html& html, const QString& name, const QString& figure, const QString&
 {
     const auto whole = html.element("div");
     html.leaf("dt", name);
-    html.leaf("dd", figure,
-              {
-                  {"class", u"big"_s}
-    });
-    html.leaf("dd", below.isEmpty() ? QString(QChar::Nbsp) : below,
-              {
-                  {"class", u"sub"_s}
-    });
+    html.leaf("dd", figure, "big");
+    html.leaf("dd", below.isEmpty() ? QString(QChar::Nbsp) : below, "sub");
 }
 
 void caption(Html& html, const QString& title, const QList<Key>& keys)
@@ -226,37 +209,28 @@ void caption(Html& html, const QString& title, const QList<Key>& keys)
     html.leaf("h3", title);
     if (keys.isEmpty())
         return;
-    const auto legend = html.element("div", {
-                                                {"class", u"key"_s}
-    });
-    for (const Key& key : keys)
+    const auto legend = html.element("div", "key");
+    for (const Key& key : keys) {
         html.leaf("span", key.name,
                   {
                       {"class", key.cssClass}
         });
+    }
 }
 
 Html::Element card(Html& html)
 {
-    return html.element("section", {
-                                       {"class", u"card"_s}
-    });
+    return html.element("section", "card");
 }
 
 void nothing(Html& html, QStringView text)
 {
-    html.leaf("p", text,
-              {
-                  {"class", u"dim"_s}
-    });
+    html.leaf("p", text, "dim");
 }
 
 void note(Html& html, QStringView text)
 {
-    html.leaf("p", text,
-              {
-                  {"class", u"note"_s}
-    });
+    html.leaf("p", text, "note");
 }
 
 Html::Element scrolling(Html& html, const QString& name)
@@ -275,12 +249,27 @@ void tableHead(Html& html, const QList<Heading>& headings)
 {
     const auto head = html.element("thead");
     const auto row = html.element("tr");
-    for (const Heading& heading : headings)
+    for (const Heading& heading : headings) {
         html.leaf("th", heading.name,
                   {
                       {"class", heading.cssClass},
                       {"scope", u"col"_s        }
         });
+    }
+}
+
+Html::Element rowHead(Html& html, CssClass cssClass)
+{
+    return html.element("th", {
+                                  {"class", cssClass.text()},
+                                  {"scope", u"row"_s       }
+    });
+}
+
+void rowHead(Html& html, QStringView text, CssClass cssClass)
+{
+    const auto head = rowHead(html, cssClass);
+    html.text(text);
 }
 
 QList<Tick> dayTicks(QDate first, qsizetype count)

@@ -57,6 +57,10 @@ struct Heading
 };
 void tableHead(Html& html, const QList<Heading>& headings);
 
+/// The cell that names its row, of one text or open for several.
+void rowHead(Html& html, QStringView text, CssClass cssClass);
+[[nodiscard]] Html::Element rowHead(Html& html, CssClass cssClass);
+
 /// Labels for @p count days from @p first on, at most five.
 QList<Tick> dayTicks(QDate first, qsizetype count);
 

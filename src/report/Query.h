@@ -31,8 +31,8 @@ struct Now
     QString zone;             ///< "Europe/Berlin"
 };
 
-/// The rows that @p statement yields with @p values in the place of its question marks, to be read once from
-/// the first to the last. Nothing when it fails (logged).
+/// The rows that @p statement yields with @p values in the place of its question marks. They can be read
+/// once, from the first to the last. Nothing when the statement fails (logged).
 std::optional<QSqlQuery> select(const QString& statement, const QVariantList& values = {});
 
 /// A transaction that sees one state of the database throughout, can change nothing, and has a statement that

@@ -23,11 +23,11 @@ const auto kDays =
 const auto kDayOfRow = u"SELECT day FROM tarn.site_day_values WHERE site_id = ? AND day BETWEEN ? AND ? "
                        "ORDER BY day DESC OFFSET ? LIMIT 1"_s;
 
-/// Each dimension's greatest values, after them the sum over all of it under the place 0. A percentile of
-/// several days is not to be had from theirs; their mean by views says enough about what is slow.
-/// Sorting costs more than adding up. Hence only those values are sorted that have as many hits as the last
-/// one that a list of a single day, the first that is bound, would have: with fewer there is no place for it.
-/// Each part is computed once, also where a table that was just filled has no statistics yet.
+/// Each dimension's greatest values, each with the sum over its dimension. The percentile of several days
+/// cannot be computed from theirs; their mean by views says enough about what is slow.
+/// Sorting costs more than adding up. Hence a single day (the first one bound) is ranked first, and its last
+/// listed value sets a floor: a value with fewer hits in the whole period has no place in the list.
+/// MATERIALIZED keeps each part from being computed twice while a freshly filled table has no statistics.
 const auto kRankings =
     u"WITH one_day AS MATERIALIZED (SELECT dimension, hits AS least FROM (SELECT dimension, hits, "
     "row_number() OVER (PARTITION BY dimension ORDER BY hits DESC) AS place "

@@ -125,9 +125,7 @@ void dailyChart(Html& html, const SiteFigures& figures, const Figure& figure)
         {Curve::Main,   now   }
     };
     chart.titles = titlesOf(figures, figure);
-    const auto card = html.element("figure", {
-                                                 {"class", u"card"_s}
-    });
+    const auto card = html.element("figure", "card");
     caption(html, figure.name,
             {
                 {u"c1"_s, u"this period"_s},
@@ -139,11 +137,7 @@ void dailyChart(Html& html, const SiteFigures& figures, const Figure& figure)
 void dailyRow(Html& html, QDate date, const Day& day)
 {
     const auto row = html.element("tr");
-    html.leaf("th", isoDate(date),
-              {
-                  {"class", u"l"_s  },
-                  {"scope", u"row"_s}
-    });
+    rowHead(html, isoDate(date), "l");
     for (const Figure& figure : dailyFigures())
         html.leaf("td", figure.text(figure.value(day)));
     for (const qint64 number : {day.requests, day.botRequests, day.clientErrors, day.serverErrors})
@@ -173,9 +167,7 @@ void dailyTable(Html& html, const SiteFigures& figures)
 
 void tiles(Html& html, const SiteFigures& figures, const Now& now)
 {
-    const auto list = html.element("dl", {
-                                             {"class", u"tiles"_s}
-    });
+    const auto list = html.element("dl", "tiles");
     for (const Figure& figure : dailyFigures())
         tile(html, figure.name, figure.text(figure.value(figures.total)), changeOf(figure, figures));
     // The page may be read long after it was written.
@@ -193,20 +185,14 @@ void days(Html& html, const SiteFigures& figures)
 {
     section(html, u"days"_s, u"By the day"_s);
     {
-        const auto grid = html.element("div", {
-                                                  {"class", u"grid three wide-first"_s}
-        });
+        const auto grid = html.element("div", "grid three wide-first");
         for (const Figure& figure : dailyFigures())
             dailyChart(html, figures, figure);
     }
-    html.leaf(
-        "p",
-        u"The last day is today so far. Nobody is recognised on another day: visitors of several days are "
-        u"those of each day added up. A bounce is a session of one page that had at most 10 seconds of "
-        u"attention; the charts show their share of the sessions.",
-        {
-            {"class", u"note"_s}
-    });
+    note(html,
+         u"The last day is today so far. Nobody is recognised on another day: visitors of several days are "
+         u"those of each day added up. A bounce is a session of one page that had at most 10 seconds of "
+         u"attention; the charts show their share of the sessions.");
     dailyTable(html, figures);
 }
 

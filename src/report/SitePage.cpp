@@ -21,9 +21,7 @@ QByteArray sitePage(const SiteFigures& figures, const Now& now)
                 figures.totalBefore.known
                     ? u"There were some in the period before: is the site's log still written and followed?"
                     : u"Figures appear here within a minute of the first request in the site's log.",
-                {
-                    {"class", u"card"_s}
-            });
+                "card");
         });
     }
     frame.sections = {

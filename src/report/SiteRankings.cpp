@@ -28,9 +28,7 @@ void pages(Html& html, const SiteFigures& figures)
                  u"different values. Clicks and positions of searches are of all of it."_s.arg(
                      count(figures.ranked.days()), isoDate(figures.ranked.first)));
     }
-    const auto grid = html.element("div", {
-                                              {"class", u"grid two"_s}
-    });
+    const auto grid = html.element("div", "grid two");
     const auto attentionOf = [](const Ranked& ranked) {
         return duration(ranked.engagedSeconds / static_cast<double>(std::max<qint64>(ranked.hits, 1)));
     };
@@ -53,9 +51,7 @@ void pages(Html& html, const SiteFigures& figures)
 void sources(Html& html, const SiteFigures& figures)
 {
     section(html, u"sources"_s, u"Where visits come from"_s);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid two"_s}
-    });
+    const auto grid = html.element("div", "grid two");
     const QList<Column> columns = {hitsColumn(u"Views"_s), visitorsColumn()};
     ranking(html, figures, u"source_kind"_s,
             {.title = u"Kinds of source"_s,
@@ -78,9 +74,7 @@ void sources(Html& html, const SiteFigures& figures)
 void audience(Html& html, const SiteFigures& figures)
 {
     section(html, u"audience"_s, u"Visitors and what they use"_s);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid four"_s}
-    });
+    const auto grid = html.element("div", "grid four");
     const QList<Column> columns = {hitsColumn(u"Views"_s), visitorsColumn()};
     ranking(html, figures, u"country"_s,
             {.title = u"Countries"_s, .valueName = u"Country"_s, .columns = columns, .label = countryName});
@@ -124,9 +118,7 @@ void bots(Html& html, const SiteFigures& figures)
     html.leaf("p", u"%1 of the requests came from bots. They are in none of the figures above."_s.arg(
                        percent(share)));
     const Ranking all = figures.rankings.value(u"bot"_s);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid two"_s}
-    });
+    const auto grid = html.element("div", "grid two");
     const QList<Column> columns = {hitsColumn(u"Requests"_s)};
     rankingTable(html, {.title = u"AI crawlers"_s, .valueName = u"Crawler"_s, .columns = columns},
                  botsOf(all, true));
@@ -137,9 +129,7 @@ void bots(Html& html, const SiteFigures& figures)
 void answers(Html& html, const SiteFigures& figures)
 {
     section(html, u"answers"_s, u"Answers"_s);
-    const auto grid = html.element("div", {
-                                              {"class", u"grid two"_s}
-    });
+    const auto grid = html.element("div", "grid two");
     const QList<Column> columns = {hitsColumn(u"Requests"_s)};
     ranking(html, figures, u"status"_s,
             {.title = u"Statuses"_s,

@@ -15,19 +15,13 @@ void searchRow(Html& html, const SearchTerm& term, qint64 mostClicks)
 {
     const auto row = html.element("tr");
     {
-        const auto cell = html.element("th", {
-                                                 {"class", u"l bars"_s},
-                                                 {"scope", u"row"_s   }
-        });
+        const auto cell = rowHead(html, "l bars");
         bar(html, static_cast<double>(term.clicks) / static_cast<double>(mostClicks));
         html.foreign(term.term);
     }
     html.leaf("td", count(term.views));
     html.leaf("td", count(term.clicks));
-    html.leaf("td", count(term.impressions),
-              {
-                  {"class", u"wide"_s}
-    });
+    html.leaf("td", count(term.impressions), "wide");
     html.leaf("td", term.position ? decimal(*term.position, 1) : u"–"_s);
 }
 

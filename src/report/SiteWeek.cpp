@@ -16,11 +16,7 @@ void heatRow(Html& html, const QString& name, const std::array<qint64, 24>& hour
 {
     constexpr qint64 steps = 8;
     const auto row = html.element("tr");
-    html.leaf("th", name,
-              {
-                  {"class", u"l"_s  },
-                  {"scope", u"row"_s}
-    });
+    rowHead(html, name, "l");
     for (std::size_t hour = 0; hour < hours.size(); ++hour) {
         const qint64 views = hours.at(hour);
         const qint64 step = most > 0 ? (views * steps + most - 1) / most : 0;
@@ -31,10 +27,7 @@ void heatRow(Html& html, const QString& name, const std::array<qint64, 24>& hour
                 { "title",
                  u"%1 %2:00: %3 views"_s.arg(name).arg(hour, 2, 10, QLatin1Char('0')).arg(count(views))}
         });
-        html.leaf("span", count(views),
-                  {
-                      {"class", u"vh"_s}
-        });
+        html.leaf("span", count(views), "vh");
     }
 }
 
@@ -42,19 +35,14 @@ void hours(Html& html)
 {
     const auto head = html.element("thead");
     const auto row = html.element("tr");
-    html.leaf("td", u"",
-              {
-                  {"class", u"l"_s}
-    });
+    html.leaf("td", u"", "l");
     for (int hour = 0; hour < 24; ++hour) {
         const auto cell = html.element("th", {
                                                  {"scope", u"col"_s}
         });
         // Every third is shown; all of them are there to be heard.
         html.leaf("span", u"%1"_s.arg(hour, 2, 10, QLatin1Char('0')),
-                  {
-                      {"class", hour % 3 == 0 ? u"shown"_s : u"vh"_s}
-        });
+                  hour % 3 == 0 ? CssClass("shown") : CssClass("vh"));
     }
 }
 
@@ -92,13 +80,8 @@ void week(Html& html, const SiteFigures& figures)
         return;
     }
     {
-        const auto table = html.element("table", {
-                                                     {"class", u"heat"_s}
-        });
-        html.leaf("caption", u"Page views by day of the week and hour",
-                  {
-                      {"class", u"vh"_s}
-        });
+        const auto table = html.element("table", "heat");
+        html.leaf("caption", u"Page views by day of the week and hour", "vh");
         hours(html);
         const auto body = html.element("tbody");
         for (std::size_t day = 0; day < figures.week.size(); ++day)

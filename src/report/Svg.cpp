@@ -254,9 +254,7 @@ double roundTopBinary(double greatest)
 
 void lineChart(Html& html, const LineChart& chart)
 {
-    const auto both = html.element("div", {
-                                              {"class", u"plot"_s}
-    });
+    const auto both = html.element("div", "plot");
     drawScale(html, chart);
     const auto picture = html.element("svg", {
                                                  {"class",      u"p"_s                       },

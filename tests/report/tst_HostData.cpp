@@ -113,7 +113,8 @@ void tst_HostData::samplesOfThePeriodOnly()
     QCOMPARE(figures.samples.metrics[Load].count(std::nullopt), kBuckets - 1);
     QCOMPARE(figures.samples.metrics[Load].last(), 5.0);
     // Samples are kept for so long.
-    QCOMPARE(read(365).samples.to - read(365).samples.from, kSampleDays * 86400);
+    const Samples longest = read(365).samples;
+    QCOMPARE(longest.to - longest.from, kSampleDays * 86400);
 }
 
 void tst_HostData::longCurve()

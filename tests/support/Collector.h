@@ -29,8 +29,8 @@ public:
     FakeAgent agent;
 
     /// Makes a database on @p server, writes settings with it, and returns its name. It has the countries of
-    /// this month, so that a collector does not download them, and the settings leave nothing of the host to
-    /// be alarmed about.
+    /// this month, so that a collector does not download them. The settings leave nothing of the host to be
+    /// alarmed about.
     QString useNewDatabase(PostgresServer& server);
 
     /// Run as somebody whom file modes bind, also where the tests run as root. To be set before it is

@@ -1,6 +1,6 @@
 // The suite's agent on a real Unix socket, with an answer scripted for each method. It runs on threads of its
-// own, so that a client that blocks the test's thread is answered, and so that it serves the collector's
-// binary as well. A method without an answer is warned of, which fails a test that expects no warning.
+// own: a client that blocks the test's thread is answered, and the collector's binary is served as well. A
+// method without an answer is warned of, which fails a test that expects no warning.
 #pragma once
 
 #include <QByteArray>

@@ -57,7 +57,7 @@ public:
     /// The next request is to be exactly @p request, in the form of Request::text(), and is answered by @p
     /// reply.
     void expect(const QByteArray& request, const Reply& reply);
-    /// The same for every exchange of the file @p path, in which requests and replies stand as they are, "@"s
+    /// The same for every exchange of the file @p path. Requests and replies stand there as they are, "@"s
     /// around the names of @p values:
     ///
     ///     what comes before the first request is a remark

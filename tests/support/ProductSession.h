@@ -47,8 +47,8 @@ public:
         return db::open(file, u"tarn-collect"_s);
     }
 
-    /// Closes it, and other(). The running test fails if a transaction or a prepared statement of a query was
-    /// left in an open one, or more of the session's own statements than it may keep.
+    /// Closes it, and other(). The running test fails if a transaction or a query's prepared statement was
+    /// left open, or more of the session's own statements than it may keep.
     void close()
     {
         using namespace Qt::Literals::StringLiterals;
