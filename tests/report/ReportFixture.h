@@ -1,4 +1,4 @@
-// What the tests of the report's readers share: the product's session on a database that demo.sql has filled.
+// What the tests of the report's readers share: the product's session on a database that demo/year.sql has filled.
 #pragma once
 
 #include "report/Query.h"
@@ -16,7 +16,7 @@ public:
         if (!server.start())
             return false;
         m_database = server.createDatabase();
-        const QString errors = server.runFile(m_database, QStringLiteral(TARN_TEST_REPORT_DIR "/demo.sql"));
+        const QString errors = server.runFile(m_database, QStringLiteral(TARN_DEMO_DIR "/year.sql"));
         if (!errors.isEmpty())
             qWarning("%s", qPrintable(errors));
         return errors.isEmpty();

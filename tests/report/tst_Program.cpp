@@ -13,6 +13,13 @@ using namespace Qt::Literals::StringLiterals;
 using tarn::report::siteFileName;
 using tarn::test::value;
 
+namespace {
+
+const auto kYear = QStringLiteral(TARN_DEMO_DIR "/year.sql");
+const auto kHostile = QStringLiteral(TARN_TEST_REPORT_DIR "/hostile.sql");
+
+} // namespace
+
 class tst_Program : public QObject
 {
     Q_OBJECT
@@ -62,7 +69,7 @@ QString tst_Program::fill(const QStringList& files)
 {
     const QString database = m_server.createDatabase();
     for (const QString& file : files) {
-        const QString errors = m_server.runFile(database, QStringLiteral(TARN_TEST_REPORT_DIR "/") + file);
+        const QString errors = m_server.runFile(database, file);
         if (!errors.isEmpty())
             qWarning("%s", qPrintable(errors));
     }
@@ -73,7 +80,7 @@ void tst_Program::initTestCase()
 {
     QTest::failOnWarning(QRegularExpression(u".*"_s));
     QVERIFY(m_server.start());
-    m_demo = fill({u"demo.sql"_s});
+    m_demo = fill({kYear});
 }
 
 QString tst_Program::settings(const QString& database, const QString& user)
@@ -265,8 +272,7 @@ void tst_Program::inTheBrowser()
 {
     const QString pages = m_folder.filePath(u"browser"_s);
     QCOMPARE(report({u"--output"_s, pages + u"/demo"_s}).log, QString());
-    QCOMPARE(report({u"--output"_s, pages + u"/hostile"_s}, fill({u"demo.sql"_s, u"hostile.sql"_s})).log,
-             QString());
+    QCOMPARE(report({u"--output"_s, pages + u"/hostile"_s}, fill({kYear, kHostile})).log, QString());
 
     QProcess test;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

@@ -341,7 +341,7 @@ void tst_SiteData::demo()
     const std::optional<SiteFigures> figures =
         readSite({1, u"www.example.org"_s}, {today.addDays(-29), today});
     QVERIFY(figures);
-    // Those of demo.sql that are not older than five minutes by now.
+    // Those of year.sql that are not older than five minutes by now.
     QCOMPARE(
         QString::number(figures->liveVisitors),
         scalar(

@@ -1,6 +1,6 @@
 // Looks at a written report as a reader's browser does:
 //     node --test report.test.mjs     with TARN_REPORT_FOLDER in the environment
-// The folder holds two of them: demo, of demo.sql, and hostile, of hostile.sql on top of it.
+// The folder holds two of them: demo, of year.sql, and hostile, of hostile.sql on top of it.
 import assert from 'node:assert/strict';
 import { readFileSync, readdirSync } from 'node:fs';
 import { createRequire } from 'node:module';

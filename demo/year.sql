@@ -1,7 +1,7 @@
--- A host as it could be, for tests and pictures of the report: ten sites with a daily and weekly rhythm over 120 days, four
--- of them with their values over 60,
--- 34 small ones, 30 days of samples with a busy afternoon, a full disk and two restarts, a year of daily figures,
--- accounts on their way to their limits. The same on every run but for the days, which end today.
+-- A host as it could be, for the demo and the tests of the report: ten sites with a daily and weekly rhythm over 120 days
+-- (four of them with their values over 60), 34 small ones, 30 days of samples with a busy afternoon, a full disk and two
+-- restarts, a year of daily figures, accounts on their way to their limits. The same on every run but for the days, which
+-- end today.
 
 BEGIN;
 -- No roll-up and no trigger: the figures themselves are written here.
