@@ -42,9 +42,6 @@ constexpr QByteArrayView kBeaconPath = "/tarn-b";
 /// SQLSTATE of a statement that names a missing table, or a table of a missing schema.
 constexpr auto kUndefinedTable = "42P01"_L1;
 
-const auto kHitsNotification = u"SELECT pg_notify('tarn_hits', ?)"_s;
-const auto kRollUp = u"SELECT tarn.rollup_day(?, ?)"_s;
-
 /// Runs @p statement and goes to its first row; false when there is none. Failures are logged, except a
 /// missing table, which the caller reports.
 bool hasRow(QSqlQuery& query, const QString& statement)
@@ -153,10 +150,10 @@ Ingest::~Ingest() = default;
 bool Ingest::init()
 {
     QSqlQuery query;
-    if (!hasRow(query, u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s))
+    if (!hasRow(query, kVisitorSecretQuery))
         return false;
     m_secret = query.value(0).toString().toLatin1();
-    m_haveGeo = hasRow(query, u"SELECT EXISTS (SELECT 1 FROM tarn.geo_country)"_s) && query.value(0).toBool();
+    m_haveGeo = hasRow(query, kHaveCountriesQuery) && query.value(0).toBool();
     return true;
 }
 

@@ -106,4 +106,14 @@ private:
     std::unique_ptr<HitTransaction> m_transaction; ///< of the running ingest(); null between calls
 };
 
+/// The secret that visitors' ids are made with.
+inline const QString kVisitorSecretQuery =
+    QStringLiteral("SELECT value FROM tarn.settings WHERE key = 'visitor_secret'");
+/// Whether the country table has any range.
+inline const QString kHaveCountriesQuery = QStringLiteral("SELECT EXISTS (SELECT 1 FROM tarn.geo_country)");
+/// Announces hits: site.
+inline const QString kHitsNotification = QStringLiteral("SELECT pg_notify('tarn_hits', ?)");
+/// Brings a day up to date: site, day.
+inline const QString kRollUp = QStringLiteral("SELECT tarn.rollup_day(?, ?)");
+
 } // namespace tarn::analytics

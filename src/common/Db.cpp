@@ -36,7 +36,7 @@ QStringList g_lostChannels;
 void setTimeZone()
 {
     QSqlQuery query;
-    query.prepare(u"SELECT set_config('TimeZone', ?, false)"_s);
+    query.prepare(kTimeZoneSetting);
     query.addBindValue(g_timeZone);
     exec(query);
 }
@@ -200,11 +200,10 @@ void logFailure(const QString& reason)
 int schemaVersion()
 {
     QSqlQuery query;
-    if (!query.exec(u"SELECT to_regclass('tarn.schema_migrations') IS NOT NULL"_s) || !query.next()
-        || !query.value(0).toBool()) {
+    if (!query.exec(kSchemaCheck) || !query.next() || !query.value(0).toBool()) {
         return 0;
     }
-    if (!query.exec(u"SELECT coalesce(max(version), 0) FROM tarn.schema_migrations"_s) || !query.next())
+    if (!query.exec(kSchemaVersionQuery) || !query.next())
         return 0;
     return query.value(0).toInt();
 }

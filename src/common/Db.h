@@ -58,6 +58,14 @@ void logFailure(const QString& reason);
 /// "***" stands in it for each bound text: the lines behind it can show all values of a row.
 bool execSecret(QSqlQuery& query);
 
+/// Sets the session's time zone for good.
+inline const QString kTimeZoneSetting = QStringLiteral("SELECT set_config('TimeZone', ?, false)");
+/// Whether there is a table of migrations, and the highest of them.
+inline const QString kSchemaCheck =
+    QStringLiteral("SELECT to_regclass('tarn.schema_migrations') IS NOT NULL");
+inline const QString kSchemaVersionQuery =
+    QStringLiteral("SELECT coalesce(max(version), 0) FROM tarn.schema_migrations");
+
 /// The highest migration the suite's admin tool has recorded; 0 when there is none, or no such table.
 int schemaVersion();
 

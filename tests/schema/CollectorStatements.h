@@ -5,6 +5,7 @@
 #include "analytics/GeoIp.h"
 #include "analytics/Google.h"
 #include "analytics/HitTransaction.h"
+#include "analytics/Ingest.h"
 #include "analytics/SearchImport.h"
 #include "collect/Health.h"
 #include "collect/HealthAccounts.h"
@@ -12,6 +13,7 @@
 #include "collect/HostSample.h"
 #include "collect/LogSource.h"
 #include "collect/Maintenance.h"
+#include "common/Db.h"
 
 #include <QDate>
 #include <QDateTime>
@@ -36,14 +38,14 @@ struct Statement
 /// In an order in which each finds what it needs: a site, a log source and an account, all of id 1 or named alice.
 inline const Statement kStatements[] = {
     // The session
-    {"time-zone", u"SELECT set_config('TimeZone', ?, false)"_s, {u"Europe/Berlin"_s}},
-    {"is-there", u"SELECT to_regclass('tarn.schema_migrations') IS NOT NULL"_s, {}},
-    {"version", u"SELECT coalesce(max(version), 0) FROM tarn.schema_migrations"_s, {}},
+    {"time-zone", db::kTimeZoneSetting, {u"Europe/Berlin"_s}},
+    {"is-there", db::kSchemaCheck, {}},
+    {"version", db::kSchemaVersionQuery, {}},
     {"listen", u"LISTEN tarn_sync"_s, {}},
 
     // Logs and hits
-    {"secret", u"SELECT value FROM tarn.settings WHERE key = 'visitor_secret'"_s, {}},
-    {"have-countries", u"SELECT EXISTS (SELECT 1 FROM tarn.geo_country)"_s, {}},
+    {"secret", analytics::kVisitorSecretQuery, {}},
+    {"have-countries", analytics::kHaveCountriesQuery, {}},
     {"sources", kLogSourcesQuery, {}},
     {"session-id", analytics::kNextSessionQuery, {}},
     {"country", analytics::kCountryQuery,
@@ -52,12 +54,12 @@ inline const Statement kStatements[] = {
      {1, QDateTime(QDate(2024, 5, 5), QTime(12, 0), QTimeZone::utc()), u"GET"_s, u"/"_s, 200, 100LL, true,
       u"192.0.2.1"_s, QByteArray("\0\1\2\3\4\5\6\7", 8), 1LL, u"DE"_s, u"direct"_s, QVariant(), QVariant(),
       QVariant(), u"desktop"_s, u"Firefox"_s, u"Linux"_s, QVariant(), 1.5, 1234}},
-    {"notify", u"SELECT pg_notify('tarn_hits', ?)"_s, {u"1"_s}},
+    {"notify", analytics::kHitsNotification, {u"1"_s}},
     {"offset", kPlaceStorage, {4711LL, 8192LL, 1}},
 
     // Maintenance
     {"sites", kSiteIdsQuery, {}},
-    {"roll-up", u"SELECT tarn.rollup_day(?, ?)"_s, {1, QDate(2024, 5, 5)}},
+    {"roll-up", analytics::kRollUp, {1, QDate(2024, 5, 5)}},
     {"raw-hit-days", kRetentionQuery, {}},
     {"retention", kOldHitDeletion, {30}},
 

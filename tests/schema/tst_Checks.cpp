@@ -1,5 +1,6 @@
 // What the tables refuse where people write.
 #include "Probe.h"
+#include "collect/Maintenance.h"
 #include "support/PostgresServer.h"
 
 #include <QRegularExpression>
@@ -163,8 +164,7 @@ private Q_SLOTS:
         QCOMPARE(codeOf(u"INSERT INTO tarn.settings VALUES ('another_key', ?)"_s, days), QString());
         if (taken) // what retention does with it
             QCOMPARE(test::errorOf(session(),
-                                   u"DELETE FROM tarn.hits WHERE at < now() - make_interval(days => "
-                                   "(SELECT value::int FROM tarn.settings WHERE key = 'raw_hit_days'))"_s),
+                                   QString(kOldHitDeletion).replace(u"?"_s, u"(%1)"_s.arg(kRetentionQuery))),
                      QString());
     }
 

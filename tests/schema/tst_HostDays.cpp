@@ -1,5 +1,7 @@
 // What stays of samples and measurements when they are gone: tarn.host_days and tarn.account_days.
 #include "Probe.h"
+#include "collect/Health.h"
+#include "collect/HealthAccounts.h"
 #include "support/PostgresServer.h"
 
 #include <QRegularExpression>
@@ -52,9 +54,7 @@ private:
     static void measure(const QString& user, const QVariant& disk, const QVariant& database)
     {
         QSqlQuery query(session());
-        query.prepare(u"UPDATE tarn.accounts SET disk_used_bytes = coalesce(?, disk_used_bytes), "
-                      "disk_checked_at = CASE WHEN ? THEN now() ELSE disk_checked_at END, db_used_bytes = ? "
-                      "WHERE username = ?"_s);
+        query.prepare(kUsageStorage);
         query.addBindValue(disk);
         query.addBindValue(!disk.isNull());
         query.addBindValue(database);
@@ -208,7 +208,7 @@ private Q_SLOTS:
     void dayStaysWhenSamplesGo()
     {
         sample(u"2024-05-05 10:00:00Z"_s);
-        run(u"DELETE FROM tarn.host_samples WHERE at < now() - interval '30 days'"_s);
+        run(kSamplePruning);
         QCOMPARE(scalar(u"SELECT count(*) FROM tarn.host_samples"_s), u"0"_s);
         QCOMPARE(day(u"samples, load1_avg"_s), u"1 1"_s);
     }
