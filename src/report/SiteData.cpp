@@ -180,7 +180,7 @@ bool readSearchTerms(SiteFigures& figures)
         const auto found = known.constFind(visit.value.toLower());
         if (found != known.cend()) {
             figures.searchTerms[*found].views += visit.hits;
-        } else if (figures.searchTerms.size() < 2 * kSearchTerms) {
+        } else if (figures.searchTerms.size() < qsizetype{2} * kSearchTerms) {
             figures.searchTerms.append({visit.value, visit.hits, 0, 0, std::nullopt});
         }
     }
