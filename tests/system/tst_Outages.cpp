@@ -166,6 +166,8 @@ private Q_SLOTS:
     {
         QFETCH(const bool, hard);
         m_collector->start();
+        log(100);
+        QVERIFY(waitForAllLines());
         QList<qint64> committed;
         for (int round = 0; round < 4; ++round) {
             log(6'000);
