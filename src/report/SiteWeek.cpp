@@ -58,10 +58,11 @@ QString busiestHour(const Week& week, qint64 most)
 {
     for (std::size_t day = 0; day < week.size(); ++day) {
         const auto hour = std::find(week.at(day).begin(), week.at(day).end(), most);
-        if (hour != week.at(day).end())
+        if (hour != week.at(day).end()) {
             return u"Page views. The strongest colour is %1 %2:00 with %3."_s.arg(dayNames().at(day))
                 .arg(hour - week.at(day).begin(), 2, 10, QLatin1Char('0'))
                 .arg(count(most));
+        }
     }
     return {};
 }

@@ -107,11 +107,12 @@ void drawSeries(Html& html, const Series& series, double top)
     }
     if (line.isEmpty())
         return;
-    if (series.curve == Curve::Main)
+    if (series.curve == Curve::Main) {
         html.lone("path", {
                               {"class", u"a"_s},
                               {"d",     area  }
         });
+    }
     html.lone("path", {
                           {"class", classOf(series.curve)},
                           {"d",     line                 }
@@ -210,13 +211,14 @@ void drawScale(Html& html, const LineChart& chart)
          {kMarginTop + kPlotHeight / 2 + textDrop, chart.middleLabel},
          {kMarginTop + kPlotHeight + textDrop, u"0"_s}}
     };
-    for (const auto& [y, label] : labels)
+    for (const auto& [y, label] : labels) {
         html.leaf("text", label,
                   {
                       {"class", u"e"_s            },
                       {"x",     u"100%"_s         },
                       {"y",     QString::number(y)}
         });
+    }
 }
 
 } // namespace
@@ -296,11 +298,12 @@ void sparkline(Html& html, const QList<double>& values, const QString& descripti
                                                  {"role",                u"img"_s        },
                                                  {"aria-label",          description     }
     });
-    if (!line.isEmpty())
+    if (!line.isEmpty()) {
         html.lone("path", {
                               {"class", u"c1"_s},
                               {"d",     line   }
         });
+    }
 }
 
 void bar(Html& html, double share)
