@@ -6,11 +6,12 @@ import random
 import sys
 import traceback
 
+import logs
 import processes
 from server import Server
 from walk import Walk
 
-GROUPS = {"processes": processes}
+GROUPS = {"processes": processes, "logs": logs}
 HEAD = ["fault", "runs", "lines", "stored once", "doubled", "lost", "longest gap of samples/passes, s", "MB"]
 HEAD += ["log lines a minute"]
 
