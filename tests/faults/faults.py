@@ -6,12 +6,13 @@ import random
 import sys
 import traceback
 
+import database
 import logs
 import processes
 from server import Server
 from walk import Walk
 
-GROUPS = {"processes": processes, "logs": logs}
+GROUPS = {"processes": processes, "logs": logs, "database": database}
 HEAD = ["fault", "runs", "lines", "stored once", "doubled", "lost", "longest gap of samples/passes, s", "MB"]
 HEAD += ["log lines a minute"]
 
