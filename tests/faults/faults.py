@@ -3,16 +3,18 @@ other jobs meanwhile. See scripts/faults --help."""
 
 import argparse
 import random
+import signal
 import sys
 import traceback
 
 import database
 import logs
 import processes
+import surroundings
 from server import Server
 from walk import Walk
 
-GROUPS = {"processes": processes, "logs": logs, "database": database}
+GROUPS = {"processes": processes, "logs": logs, "database": database, "surroundings": surroundings}
 HEAD = ["fault", "runs", "lines", "stored once", "doubled", "lost", "longest gap of samples/passes, s", "MB"]
 HEAD += ["log lines a minute"]
 
@@ -43,6 +45,8 @@ def main():
     parser.add_argument("--runs", type=int, help="how often each fault comes; by default a few times")
     parser.add_argument("--seed", type=int, help="decides the moments; by default a new one that is printed")
     options = parser.parse_args()
+    # Whoever ends this ends the server and removes the folders with it.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     if options.seed is None:
         options.seed = random.randrange(1_000_000)
     print(f"seed {options.seed}", flush=True)
