@@ -8,7 +8,6 @@ LINES_PER_SECOND = 400
 # Seconds that a lock is held; time limits are well below.
 LOCK_SECONDS = (0.5, 3)
 TIME_LIMIT = "200ms"
-FILLER = "INSERT INTO public.filler SELECT repeat('x', 1000) FROM generate_series(1, 2000)"
 
 
 class Other:
@@ -142,34 +141,48 @@ def read_only(walk, runs):
 
 def set_for_all(walk, setting):
     """For the sessions that there are, from their next statement on. The server's own file stays writable."""
-    walk.run("SET default_transaction_read_only = off")
     walk.run(f"ALTER SYSTEM SET {setting}")
     walk.run("SELECT pg_reload_conf()")
 
 
-def disk_full(walk, runs):
-    walk.run(f"CREATE TABLESPACE small_{walk.database} LOCATION '{walk.server.small_disk}'")
+def disk_of_tables_full(walk, runs):
+    disk = walk.server.tables_disk
+    walk.run(f"CREATE TABLESPACE small_{walk.database} LOCATION '{disk}'")
     walk.run(f"ALTER TABLE tarn.hits SET TABLESPACE small_{walk.database}")
     for index in ["hits_site_at", "hits_at"]:
         walk.run(f"ALTER INDEX tarn.{index} SET TABLESPACE small_{walk.database}")
     write(walk)
     for _ in range(runs):
         walk.pause(0.5, 2)
-        walk.run(f"CREATE TABLE public.filler (text text) TABLESPACE small_{walk.database}")
-        fill(walk)
+        walk.server.fill(disk)
         walk.pause(2, 5)
-        walk.run("DROP TABLE public.filler")
+        walk.server.make_room(disk)
     account = settle_with_refusals(walk, "No space left on device")
     walk.expect(account.doubled == 0, f"doubled: {account.doubled}")
     return account
 
 
-def fill(walk):
+def disk_of_the_write_ahead_log_full(walk, runs):
+    """The server ends then, and cannot start before there is room."""
+    write(walk)
+    for _ in range(runs):
+        walk.pause(0.5, 2)
+        walk.server.fill(walk.server.wal_disk)
+        walk.expect(walk.wait_for(lambda: has_ended(walk)), "the server goes on")
+        walk.pause(1, 4)
+        walk.server.make_room(walk.server.wal_disk)
+        walk.server.start()
+    reasons = f"{LOST_SESSION}|{ENDED_AT_START}|sql: PANIC"
+    return settle_without_loss(walk, reasons, "database: reconnect failed", doubled=True)
+
+
+def has_ended(walk):
+    """Whether the server has; if not, it gets more to write."""
     try:
-        while True:
-            walk.run(FILLER)
-    except ValueError as error:
-        walk.expect("No space left" in str(error), str(error))
+        walk.server.attempt(walk.database, "SELECT pg_logical_emit_message(false, 'faults', repeat('x', 500000))")
+    except (Lost, ValueError):
+        pass
+    return walk.server.process.poll() is not None
 
 
 def constraint_added(walk, runs):
@@ -189,6 +202,7 @@ FAULTS = [
     ("statement_timeout", statement_time_out, 1),
     ("no connection left", no_connection_left, 1),
     ("read-only", read_only, 1),
-    ("disk full", disk_full, 1),
+    ("disk of the tables full", disk_of_tables_full, 1),
+    ("disk of the WAL full", disk_of_the_write_ahead_log_full, 1),
     ("constraint added", constraint_added, 1),
 ]

@@ -11,7 +11,12 @@ import time
 
 SCHEMA = pathlib.Path(__file__).parents[2] / "schema" / "tarn.sql"
 START_SECONDS = 60
+# One for the write-ahead log, and one for tables that are put there.
 SMALL_DISK_MB = 64
+# What a fault sets for a database is not for the test's own sessions.
+NO_LIMITS = "-c lock_timeout=0 -c statement_timeout=0 -c default_transaction_read_only=off"
+SETTINGS = ["listen_addresses=", "fsync=off", "max_connections=50", "shared_buffers=64MB", "logging_collector=on"]
+SETTINGS += ["min_wal_size=2MB", "max_wal_size=32MB"]
 
 
 class Lost(Exception):
@@ -34,7 +39,12 @@ class Session:
     def __init__(self, folder, database):
         command = ["psql", "-XAtq", "-F", "\t", "-v", "VERBOSITY=terse", "-h", folder, "-U", "postgres", "-d", database]
         self.psql = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+            command,
+            env={**os.environ, "PGOPTIONS": NO_LIMITS},
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
         )
 
     def run(self, statement):
@@ -74,12 +84,15 @@ class Server:
         self.user = pwd.getpwnam("postgres") if os.geteuid() == 0 else pwd.getpwuid(os.geteuid())
         os.chown(self.folder, self.user.pw_uid, self.user.pw_gid)
         self.data = f"{self.folder}/data"
-        self.small_disk = f"{self.folder}/small"
+        self.tables_disk = f"{self.folder}/tables"
+        self.wal_disk = f"{self.folder}/wal"
+        self.holder = self.hold_small_disks()
         self.process = None
         self.databases = 0
         self.sessions = {}
         options = ["--no-sync", "--no-instructions", "--auth=trust", "--username=postgres"]
         options += ["--encoding=UTF8", "--locale=C.UTF-8", "--pgdata", self.data]
+        options += ["--wal-segsize=1", "--waldir", self.wal_disk]
         subprocess.run(self.as_user([str(programs() / "initdb"), *options]), check=True, stdout=subprocess.DEVNULL)
         self.start()
         self.run("postgres", "CREATE DATABASE tarn_template")
@@ -89,26 +102,48 @@ class Server:
             stdout=subprocess.DEVNULL,
         )
 
-    def as_user(self, command, before=""):
-        """`command` as the server's user, behind `before` in mounts of its own, and ended with this process."""
-        drop = f"--reuid={self.user.pw_uid} --regid={self.user.pw_gid} --clear-groups" if os.geteuid() == 0 else ""
-        own_mounts = "--mount" if os.geteuid() == 0 else "--mount --user --map-current-user --keep-caps"
-        script = f'{before} exec setpriv {drop} --pdeathsig QUIT "$0" "$@"'
-        return ["unshare", *own_mounts.split(), "sh", "-ec", script, *command]
+    def hold_small_disks(self):
+        """Mounts them where only the processes of as_user() see them; they go with those."""
+        owner = f"uid={self.user.pw_uid},gid={self.user.pw_gid},mode=0700"
+        mounts = ""
+        for disk in [self.tables_disk, self.wal_disk]:
+            os.mkdir(disk)
+            mounts += f"mount -t tmpfs -o size={SMALL_DISK_MB}m,{owner} tmpfs {disk}; "
+        script = f"{mounts} echo mounted; exec sleep infinity"
+        own_mounts = ["--mount"] if os.geteuid() == 0 else ["--mount", "--user", "--map-current-user", "--keep-caps"]
+        holder = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", *own_mounts, "sh", "-ec", script], stdout=subprocess.PIPE
+        )
+        if holder.stdout.readline() != b"mounted\n":
+            raise OSError("this kernel or container gives a test no mounts of its own; run as root")
+        return holder
+
+    def as_user(self, command):
+        """`command` as the server's user, with the small disks, and ended with this process."""
+        enter = ["nsenter", "--target", str(self.holder.pid), "--mount"]
+        drop = []
+        if os.geteuid() == 0:
+            drop = [f"--reuid={self.user.pw_uid}", f"--regid={self.user.pw_gid}", "--clear-groups"]
+        else:
+            enter += ["--user", "--preserve-credentials"]
+        return [*enter, "setpriv", *drop, "--pdeathsig", "QUIT", *command]
 
     def start(self):
-        """With a disk of 64 MB that is only the server's, gone with it, and empty each time."""
-        os.makedirs(self.small_disk, exist_ok=True)
-        owner = f"uid={self.user.pw_uid},gid={self.user.pw_gid},mode=0700"
-        mount = f"mount -t tmpfs -o size={SMALL_DISK_MB}m,{owner} tmpfs {self.small_disk};"
-        settings = ["listen_addresses=", "fsync=off", "max_connections=50", "shared_buffers=64MB", "logging_collector=on"]
         command = [str(programs() / "postgres"), "-D", self.data, "-k", self.folder, "-p", "5432"]
-        for setting in settings:
+        for setting in SETTINGS:
             command += ["-c", setting]
         self.process = subprocess.Popen(
-            self.as_user(command, mount), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
+            self.as_user(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
         )
         self.run("postgres", "SELECT 1")
+
+    def fill(self, disk):
+        """Takes all that is left of one of the small disks."""
+        script = f"cat /dev/zero > {disk}/filler 2>/dev/null || true"
+        subprocess.run(self.as_user(["sh", "-c", script]), check=True)
+
+    def make_room(self, disk):
+        subprocess.run(self.as_user(["rm", f"{disk}/filler"]), check=True)
 
     def stop(self, how):
         """SIGINT is an orderly stop, SIGQUIT the immediate one, as after a power cut."""
@@ -120,6 +155,8 @@ class Server:
             session.close()
         if self.process.poll() is None:
             self.stop(signal.SIGINT)
+        self.holder.kill()
+        self.holder.wait()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def create_database(self):
@@ -133,16 +170,23 @@ class Server:
         if database in self.sessions:
             self.sessions.pop(database).close()
 
+    def attempt(self, database, statement):
+        """Runs `statement` in the test's session, in a new one if that was lost before. Lost, if there is none."""
+        if database not in self.sessions:
+            self.sessions[database] = Session(self.folder, database)
+        try:
+            return self.sessions[database].run(statement)
+        except Lost:
+            self.forget(database)
+            raise
+
     def run(self, database, statement):
-        """Runs `statement` in the test's session, in a new one if that is lost."""
+        """The same, as soon as there is a session."""
         end = time.monotonic() + START_SECONDS
         while True:
-            if database not in self.sessions:
-                self.sessions[database] = Session(self.folder, database)
             try:
-                return self.sessions[database].run(statement)
+                return self.attempt(database, statement)
             except Lost:
-                self.forget(database)
                 if time.monotonic() > end:
                     raise
                 time.sleep(0.05)
