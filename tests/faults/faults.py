@@ -21,7 +21,7 @@ HEAD += ["log lines a minute"]
 
 def walk_through(name, fault, runs, server, options):
     """The fault's row, and what went wrong."""
-    walk = Walk(server, options.binary, f"{options.seed} {name}")
+    walk = Walk(server, options.binary, f"{options.seed} {name}", options.memory_factor)
     try:
         account = fault(walk, runs)
         return [name, str(runs), *account.row()], walk.complaints
@@ -44,6 +44,7 @@ def main():
     parser.add_argument("--only", help="only the faults whose names contain this")
     parser.add_argument("--runs", type=int, help="how often each fault comes; by default a few times")
     parser.add_argument("--seed", type=int, help="decides the moments; by default a new one that is printed")
+    parser.add_argument("--memory-factor", type=float, default=1, help="times the memory that the collector may take")
     options = parser.parse_args()
     # Whoever ends this ends the server and removes the folders with it.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))

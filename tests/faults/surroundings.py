@@ -4,6 +4,7 @@ followed as if nothing was."""
 import glob
 import os
 import pathlib
+import random
 import re
 import socket
 
@@ -11,10 +12,9 @@ from hostile import WAYS, Hostile, make_certificate
 
 LINES_PER_SECOND = 200
 # Seconds without a pass over the logs that are no stall, on a machine that has much else to do.
-MOST_PASS_GAP = 15
+MOST_PASS_GAP = 30
 MAINTENANCE_SECONDS = 30
 DAY = 86400
-RESOLVER = "127.0.0.53"
 
 # What the collector says of peers, and of what it has noticed of the host.
 COUNTRIES = "collect: (geoip|loading countries from)"
@@ -81,12 +81,17 @@ def begin_anew(walk):
     walk.start()
 
 
-def name_service_silent(walk, runs):
-    # Nobody else is asked, and nobody answers. Port 53 is root's.
+def silent_name_service():
+    """The port of a name service is 53 and root's; the address is one of loopback's sixteen million."""
     service = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    service.bind((RESOLVER, 53))
+    service.bind((f"127.{random.randrange(1, 255)}.{random.randrange(256)}.{random.randrange(1, 255)}", 53))
+    return service
+
+
+def name_service_silent(walk, runs):
+    service = silent_name_service()
     resolvers = pathlib.Path(walk.parent.name, "resolv.conf")
-    resolvers.write_text(f"nameserver {RESOLVER}\n")
+    resolvers.write_text(f"nameserver {service.getsockname()[0]}\n")
     walk.collector.wrapper = in_mounts_of_its_own({resolvers: "/etc/resolv.conf"})
     walk.collector.environment = {"https_proxy": "", "http_proxy": ""}
     walk.collector.settings["health"].update(ALARMING)
