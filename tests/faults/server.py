@@ -29,6 +29,10 @@ def programs():
     return found[-1].parent if found else pathlib.Path(shutil.which("initdb")).parent
 
 
+# Not the one on the search path, which is Debian's choice among versions and takes its time.
+PSQL = str(programs() / "psql")
+
+
 class Session:
     """A psql that takes one statement after the other."""
 
@@ -37,7 +41,7 @@ class Session:
     LOST = ("WARNING:  terminating connection", "server closed the connection", "The connection to the server was lost")
 
     def __init__(self, folder, database):
-        command = ["psql", "-XAtq", "-F", "\t", "-v", "VERBOSITY=terse", "-h", folder, "-U", "postgres", "-d", database]
+        command = [PSQL, "-XAtq", "-F", "\t", "-v", "VERBOSITY=terse", "-h", folder, "-U", "postgres", "-d", database]
         self.psql = subprocess.Popen(
             command,
             env={**os.environ, "PGOPTIONS": NO_LIMITS},
@@ -97,7 +101,7 @@ class Server:
         self.start()
         self.run("postgres", "CREATE DATABASE tarn_template")
         subprocess.run(
-            ["psql", "-Xq", "-v", "ON_ERROR_STOP=1", "-h", self.folder, "-U", "postgres", "-d", "tarn_template", "-f", SCHEMA],
+            [PSQL, "-Xq", "-v", "ON_ERROR_STOP=1", "-h", self.folder, "-U", "postgres", "-d", "tarn_template", "-f", SCHEMA],
             check=True,
             stdout=subprocess.DEVNULL,
         )
@@ -132,9 +136,7 @@ class Server:
         command = [str(programs() / "postgres"), "-D", self.data, "-k", self.folder, "-p", "5432"]
         for setting in SETTINGS:
             command += ["-c", setting]
-        self.process = subprocess.Popen(
-            self.as_user(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
-        )
+        self.process = subprocess.Popen(self.as_user(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.run("postgres", "SELECT 1")
 
     def fill(self, disk):
