@@ -15,7 +15,7 @@ START_SECONDS = 60
 SMALL_DISK_MB = 64
 # What a fault sets for a database is not for the test's own sessions.
 NO_LIMITS = "-c lock_timeout=0 -c statement_timeout=0 -c default_transaction_read_only=off"
-SETTINGS = ["listen_addresses=", "fsync=off", "max_connections=50", "shared_buffers=64MB", "logging_collector=on"]
+SETTINGS = ["listen_addresses=", "fsync=off", "max_connections=15", "shared_buffers=64MB", "logging_collector=on"]
 SETTINGS += ["min_wal_size=2MB", "max_wal_size=32MB"]
 
 

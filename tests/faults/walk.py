@@ -24,7 +24,8 @@ MOST_LOG_LINES = 300
 # What the collector, and the libraries below it, say of a session that is lost.
 LOST_SESSION = (
     r"database: reconnect|sql: (FATAL|server closed|the session|no connection|WARNING|SSL|could not)|"
-    r"FATAL:  |DETAIL:  |HINT:  |WARNING:  |server closed the connection|\t|QPSQL: |Unable to free statement: "
+    r"FATAL:  |DETAIL:  |HINT:  |WARNING:  |server closed the connection|\t|QPSQL: |Unable to free statement: |"
+    r"(QPSQLDriver|QSqlQuery)::\w+: [Dd]atabase not open"
 )
 
 # The last words of a collector that loses its server while it starts; the unit has it started again.
