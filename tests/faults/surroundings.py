@@ -157,5 +157,5 @@ def peers_hostile(walk, runs):
 FAULTS = [
     ("clock stepped", clock_stepped, 1),
     ("name service silent", name_service_silent, 1),
-    ("peers hostile", peers_hostile, 2),
+    ("peers hostile", peers_hostile, 1),
 ]

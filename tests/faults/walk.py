@@ -21,11 +21,12 @@ MOST_MB = 100
 # Nobody reads more in a minute, with a sample each second; a flood has thousands.
 MOST_LOG_LINES = 300
 
-# What the collector, and the libraries below it, say of a session that is lost.
+# What the collector, and the libraries below it, say of a session that is lost; of one that is lost while it is opened,
+# the driver says that it does not know the server's version.
 LOST_SESSION = (
     r"database: reconnect|sql: (FATAL|server closed|the session|no connection|WARNING|SSL|could not)|"
     r"FATAL:  |DETAIL:  |HINT:  |WARNING:  |server closed the connection|\t|QPSQL: |Unable to free statement: |"
-    r"(QPSQLDriver|QSqlQuery)::\w+: [Dd]atabase not open"
+    r"no connection to the server|This version of PostgreSQL is not supported|(QPSQLDriver|QSqlQuery)::\w+: [Dd]atabase not open"
 )
 
 # The last words of a collector that loses its server while it starts; the unit has it started again.
