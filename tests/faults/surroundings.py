@@ -9,6 +9,7 @@ import re
 import socket
 
 from hostile import WAYS, Hostile, make_certificate
+from walk import WAIT_SECONDS
 
 LINES_PER_SECOND = 200
 # Seconds without a pass over the logs that are no stall, on a machine that has much else to do.
@@ -144,7 +145,8 @@ def peers_hostile(walk, runs):
             server.way = ways[run % len(ways)]
             server.clients = 0
         begin_anew(walk)
-        met = walk.wait_for(lambda: all(server.clients for server in servers))
+        # A synchronisation begins when no sample is under way; messages on slow channels keep one for a minute.
+        met = walk.wait_for(lambda: all(server.clients for server in servers), 3 * WAIT_SECONDS)
         walk.expect(met, f"not every peer that {ways[run % len(ways)]} was asked: {[s.clients for s in servers]}")
         walk.pause(3, 8)
     account = settle_followed(walk, ABOUT_PEERS, most_mb=MOST_MB_FOR_ANSWERS)
