@@ -11,9 +11,8 @@ PAUSE_SECONDS = 0.01
 
 def numbered_line(number):
     """The number stands twice in it, so that a torn line is known as one."""
-    return (
-        f'192.0.2.{number % 250} - - [10/Oct/2024:13:55:36 +0000] "GET /{number} HTTP/1.1" 200 {number} "-" "curl/8.5" 99\n'
-    ).encode()
+    request = f'"GET /{number} HTTP/1.1" 200 {number}'
+    return f'192.0.2.{number % 250} - - [10/Oct/2024:13:55:36 +0000] {request} "-" "curl/8.5" 99\n'.encode()
 
 
 class AccessLog:

@@ -24,9 +24,12 @@ class Agent(threading.Thread):
     def run(self):
         while True:
             client, _ = self.listener.accept()
-            with client, client.makefile("rb") as lines:
-                lines.readline()
-                client.sendall(b'{"ok":true}\n')
+            try:
+                with client, client.makefile("rb") as lines:
+                    lines.readline()
+                    client.sendall(b'{"ok":true}\n')
+            except OSError:
+                pass  # the collector was killed
 
 
 class Collector:
@@ -58,8 +61,10 @@ class Collector:
     def start(self):
         self.kill()
         settings = pathlib.Path(self.folder.name, "tarnhold.ini")
-        sections = [f"[{name}]\n" + "".join(f"{key}={text}\n" for key, text in keys.items()) for name, keys in self.settings.items()]
-        settings.write_text("".join(sections))
+        with settings.open("w") as file:
+            for section, keys in self.settings.items():
+                file.write(f"[{section}]\n")
+                file.writelines(f"{key}={text}\n" for key, text in keys.items())
         self.starts += 1
         self.was_ended = False
         nowhere = "http://127.0.0.1:1"

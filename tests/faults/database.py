@@ -1,5 +1,5 @@
 """The server goes on and refuses: locks, time limits, no connection left, no space left, read-only, a constraint that
-somebody has added. Where it refuses the hits of a slice and takes its place, that slice is lost, and one line says so."""
+somebody has added. Where it refuses the hits of a slice and takes its place, that slice is lost; one line says so."""
 
 from server import Lost, Session
 from walk import ENDED_AT_START, LOST_SESSION
@@ -33,7 +33,9 @@ def held(walk, table, seconds=LOCK_SECONDS):
 
 def tables(walk):
     """Those of the schema; first the two that each slice is stored in."""
-    rows = walk.run("SELECT relname FROM pg_class WHERE relnamespace = 'tarn'::regnamespace AND relkind IN ('r', 'p') ORDER BY 1")
+    rows = walk.run(
+        "SELECT relname FROM pg_class WHERE relnamespace = 'tarn'::regnamespace AND relkind IN ('r', 'p') ORDER BY 1"
+    )
     first = ["hits", "log_sources"]
     return [f"tarn.{name}" for name in first + [row[0] for row in rows if row[0] not in first]]
 
@@ -55,9 +57,8 @@ def settle_with_refusals(walk, reason):
     """What is lost is whole slices, each with a line that says why."""
     account = walk.settle()
     told = [line for line in account.log if reason in line]
-    walk.expect(
-        account.lost_stretches() <= len(told), f"{account.lost_stretches()} slices are lost, and {len(told)} lines say so"
-    )
+    lost = account.lost_stretches()
+    walk.expect(lost <= len(told), f"{lost} slices are lost, and {len(told)} lines say so")
     walk.expect_log(account, f"sql: .*{reason}")
     return account
 

@@ -34,7 +34,9 @@ def walk_through(name, fault, runs, server, options):
 def print_table(rows):
     widths = [max(len(row[column]) for row in rows if column < len(row)) for column in range(len(rows[0]))]
     for row in rows:
-        print("  ".join(text.ljust(width) if i == 0 else text.rjust(width) for i, (text, width) in enumerate(zip(row, widths))))
+        name, *figures = row
+        cells = [figure.rjust(width) for figure, width in zip(figures, widths[1:])]
+        print("  ".join([name.ljust(widths[0]), *cells]))
 
 
 def main():

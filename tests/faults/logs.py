@@ -10,7 +10,7 @@ MOST_LINE_BYTES = 150
 
 
 def stretches(log, copies):
-    """Of each file the first and the last line that are stored, and the first of all; a line between that is missing."""
+    """Of each file its first line, and the first and the last that are stored; then a line between that is missing."""
     files = {}
     for number, (file, _, _) in enumerate(log.places, start=1):
         first_of_file, first, last = files.get(file, (number, None, None))
@@ -33,9 +33,8 @@ def account_of_files(walk, account, cut_in_place):
             continue
         start = walk.log.places[first - 1][1]
         at_old_place = cut_in_place and place <= start < place + MOST_LINE_BYTES
-        walk.expect(
-            first == first_of_file or at_old_place, f"file {file} is stored from byte {start}, the old place was {place}"
-        )
+        begins_well = first == first_of_file or at_old_place
+        walk.expect(begins_well, f"file {file} is stored from byte {start}, the old place was {place}")
         place = walk.log.places[last - 1][2]
     walk.expect(account.copies[-1] == 1, "the end of the last file is missing")
     walk.expect(account.doubled == 0, f"{account.doubled} lines are stored twice")

@@ -74,9 +74,12 @@ class Session:
 
     def close(self):
         self.psql.kill()
-        self.psql.stdin.close()
         self.psql.wait()
         self.psql.stdout.close()
+        try:
+            self.psql.stdin.close()
+        except BrokenPipeError:
+            pass  # a statement that was not sent any more
 
 
 class Server:
@@ -100,11 +103,8 @@ class Server:
         subprocess.run(self.as_user([str(programs() / "initdb"), *options]), check=True, stdout=subprocess.DEVNULL)
         self.start()
         self.run("postgres", "CREATE DATABASE tarn_template")
-        subprocess.run(
-            [PSQL, "-Xq", "-v", "ON_ERROR_STOP=1", "-h", self.folder, "-U", "postgres", "-d", "tarn_template", "-f", SCHEMA],
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
+        load = [PSQL, "-Xq", "-v", "ON_ERROR_STOP=1", "-h", self.folder, "-U", "postgres", "-d", "tarn_template"]
+        subprocess.run([*load, "-f", SCHEMA], check=True, stdout=subprocess.DEVNULL)
 
     def hold_small_disks(self):
         """Mounts them where only the processes of as_user() see them; they go with those."""
@@ -114,6 +114,7 @@ class Server:
             os.mkdir(disk)
             mounts += f"mount -t tmpfs -o size={SMALL_DISK_MB}m,{owner} tmpfs {disk}; "
         script = f"{mounts} echo mounted; exec sleep infinity"
+        # An ordinary user may mount in a namespace where it rules, and where it is still known as itself.
         own_mounts = ["--mount"] if os.geteuid() == 0 else ["--mount", "--user", "--map-current-user", "--keep-caps"]
         holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", *own_mounts, "sh", "-ec", script], stdout=subprocess.PIPE

@@ -26,7 +26,8 @@ MOST_LOG_LINES = 300
 LOST_SESSION = (
     r"database: reconnect|sql: (FATAL|server closed|the session|no connection|WARNING|SSL|could not)|"
     r"FATAL:  |DETAIL:  |HINT:  |WARNING:  |server closed the connection|\t|QPSQL: |Unable to free statement: |"
-    r"no connection to the server|This version of PostgreSQL is not supported|(QPSQLDriver|QSqlQuery)::\w+: [Dd]atabase not open"
+    r"no connection to the server|This version of PostgreSQL is not supported|"
+    r"(QPSQLDriver|QSqlQuery)::\w+: [Dd]atabase not open"
 )
 
 # The last words of a collector that loses its server while it starts; the unit has it started again.
