@@ -2,6 +2,9 @@
 
 #include "collect/LongJobs.h"
 
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTest>
 #include <QThread>
@@ -83,14 +86,38 @@ private Q_SLOTS:
         QCOMPARE(m_runs, QStringList{QStringLiteral("sync1")});
     }
 
-    void anIdleLoopIsWokenUp()
+    void anIdleLoopIsWokenUpForEach()
     {
         // Nothing else would: no timer runs out before the loop's own end.
         QEventLoop outer;
-        m_inside = [&outer] { outer.quit(); };
-        QTimer::singleShot(20s, &outer, [&outer] { outer.exit(1); });
+        m_inside = [&] {
+            if (m_runs.size() == 2)
+                outer.quit();
+        };
+        QElapsedTimer timer;
+        timer.start();
+        QTimer::singleShot(20s, &outer, [&outer] { outer.quit(); });
         m_jobs->request(LongJob::SyncSearch);
-        QCOMPARE(outer.exec(), 0);
+        m_jobs->request(LongJob::UpdateCountries);
+        outer.exec();
+        QVERIFY2(timer.elapsed() < 15'000, "it slept until the timer ran out");
+    }
+
+    void aRequestJustBeforeTheLoopSleepsIsNotSleptOver()
+    {
+        QEventLoop outer;
+        m_inside = [&outer] { outer.quit(); };
+        QElapsedTimer timer;
+        timer.start();
+        QTimer::singleShot(20s, &outer, [&outer] { outer.quit(); });
+        bool asked = false;
+        QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock,
+                         &outer, [&] {
+                             if (!std::exchange(asked, true))
+                                 m_jobs->request(LongJob::SyncSearch);
+                         });
+        outer.exec();
+        QVERIFY2(timer.elapsed() < 15'000, "it slept until the timer ran out");
     }
 
     void inTheOrderOfTheirRequests()
@@ -131,6 +158,21 @@ private Q_SLOTS:
         m_jobs->request(LongJob::SyncSearch);
         QVERIFY(runUntil([this] { return m_runs.size() >= 6; }));
         QVERIFY(!nested);
+    }
+
+    void noneWhileAnotherProcessesEventsWithoutALoop()
+    {
+        QStringList ended;
+        m_inside = [&] {
+            if (m_runs.size() > 2)
+                return;
+            m_jobs->request(LongJob::UpdateCountries);
+            QCoreApplication::processEvents();
+            ended.append(m_runs.last());
+        };
+        m_jobs->request(LongJob::SyncSearch);
+        QVERIFY(runUntil([&ended] { return ended.size() >= 2; }));
+        QCOMPARE(ended.first(2), QStringList({QStringLiteral("sync1"), QStringLiteral("countries1")}));
     }
 
     void manyRequestsDuringARunAreOneMore()
@@ -187,12 +229,14 @@ private Q_SLOTS:
     {
         m_ready = false;
         int asked = 0;
+        QElapsedTimer since;
         LongJobs jobs(
             {
                 {LongJob::SyncSearch, job(QStringLiteral("sync"))}
         },
             [&] {
-                ++asked;
+                if (++asked == 1)
+                    since.start();
                 return m_ready;
             });
         jobs.request(LongJob::SyncSearch);
@@ -203,6 +247,7 @@ private Q_SLOTS:
         m_ready = true;
         QVERIFY(runUntil([this] { return !m_runs.isEmpty(); }));
         QCOMPARE(asked, 2);
+        QVERIFY(since.elapsed() >= 1'900);
     }
 };
 
