@@ -1,4 +1,5 @@
-// What the tests of the report's readers share: the product's session on a database that demo/year.sql has filled.
+// What the tests of the report's readers share: the product's session on a database that demo/year.sql has
+// filled.
 #pragma once
 
 #include "report/Query.h"
