@@ -1,4 +1,5 @@
-"""Holds the documents to each other: what they link to is there, and who begins at the start finds all of them."""
+"""Holds the documents to each other and to the tests: what they link to or name is there, and who begins at the start finds
+all of them."""
 
 import argparse
 import functools
@@ -53,6 +54,18 @@ class Documents(unittest.TestCase):
                     if heading:
                         self.assertIn(heading, anchors(target))
         self.assertGreater(seen, 40)
+
+    def test_every_test_that_is_named_exists(self):
+        seen = 0
+        for path in documents():
+            for program, function in re.findall(r"`(tst_\w+)(?:::(\w+))?", prose(path)):
+                seen += 1
+                with self.subTest(document=path.name, program=program, function=function):
+                    sources = list((options.source / "tests").glob(f"*/{program}.cpp"))
+                    self.assertEqual(len(sources), 1)
+                    if function and function != "cleanup":
+                        self.assertRegex(sources[0].read_text(), rf"\bvoid (\w+::)?{function}\(")
+        self.assertGreater(seen, 20)
 
     def test_every_document_is_found_from_the_first(self):
         first = options.source / "README.md"
