@@ -21,8 +21,9 @@ DAY = 86400
 COUNTRIES = "collect: (geoip|loading countries from)"
 ABOUT_PEERS = rf"(alert|alert cleared|notify|collect: account disk use|collect: google): |{COUNTRIES}"
 ALARMING = {"memory_alert_pct": "1", "load_alert_per_cpu": "0.01"}
-# What a country file (256 MiB), an answer of Google (128) and one of the agent (64) may take at once.
-MOST_MB_FOR_ANSWERS = 512
+# What a country file (256 MiB), an answer of Google (128) and one of the agent (64) may take at once, each with a copy
+# while its buffer grows.
+MOST_MB_FOR_ANSWERS = 1000
 
 
 def in_mounts_of_its_own(mounts):
