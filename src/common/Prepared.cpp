@@ -198,7 +198,8 @@ void Statements::makeRoom(qsizetype weight)
         const auto oldest =
             std::min_element(m_statements.cbegin(), m_statements.cend(),
                              [](const Statement& a, const Statement& b) { return a.lastUse < b.lastUse; });
-        QString text = oldest.key(); // a copy: forget() takes the entry away
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): forget() takes the entry away
+        const QString text = oldest.key();
         forget(text);
     }
     freeUnwanted();
