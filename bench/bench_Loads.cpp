@@ -163,7 +163,6 @@ int main(int argc, char** argv)
     test::PostgresServer server;
     test::ProductSession session(server);
     QTemporaryDir folder;
-    folder.setAutoRemove(true);
     QFile::setPermissions(folder.path(),
                           QFile::permissions(folder.path()) | QFileDevice::ReadOther | QFileDevice::ExeOther);
     if (!server.start() || !session.open())
